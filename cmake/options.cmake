@@ -1,0 +1,21 @@
+# What every target of this project is compiled with.
+add_library(tembrix_options INTERFACE)
+target_compile_definitions(tembrix_options INTERFACE _GNU_SOURCE)
+target_compile_options(tembrix_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror
+  -fvisibility=hidden $<$<COMPILE_LANGUAGE:CXX>:-fvisibility-inlines-hidden>)
+target_link_options(tembrix_options INTERFACE -Wl,--as-needed -Wl,-z,relro -Wl,-z,now)
+
+if(TEMBRIX_SANITIZE)
+  target_compile_options(tembrix_options INTERFACE
+    -fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+  target_link_options(tembrix_options INTERFACE -fsanitize=address,undefined)
+endif()
+if(TEMBRIX_COVERAGE)
+  target_compile_options(tembrix_options INTERFACE --coverage -fprofile-update=atomic)
+  target_link_options(tembrix_options INTERFACE --coverage)
+endif()
+if(TEMBRIX_FUZZ)
+  target_compile_options(tembrix_options INTERFACE -fsanitize=fuzzer-no-link,address,undefined)
+  target_link_options(tembrix_options INTERFACE -fsanitize=address,undefined)
+endif()

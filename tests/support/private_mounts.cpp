@@ -1,0 +1,58 @@
+#include "support/private_mounts.h"
+
+#include <errno.h>
+#include <sched.h>
+#include <string.h>
+#include <sys/mount.h>
+
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+
+namespace fs = std::filesystem;
+
+namespace testsupport {
+namespace {
+
+void require(bool done, const std::string& what) {
+  if (!done) throw std::runtime_error(what + ": " + strerror(errno));
+}
+
+void mount_memory(const fs::path& place) {
+  require(mount("tmpfs", place.c_str(), "tmpfs", 0, "mode=0755") == 0,
+          "mounting tmpfs on " + place.string());
+}
+
+/// A mount point that the host lacks is made in a layer in memory over the directory that it lacks.
+void overlay(const fs::path& directory) {
+  const std::string layer = "/mnt/layer" + directory.filename().string();
+  fs::create_directories(layer + "/upper");
+  fs::create_directories(layer + "/work");
+  const std::string options =
+      "lowerdir=" + directory.string() + ",upperdir=" + layer + "/upper,workdir=" + layer + "/work";
+  require(mount("overlay", directory.c_str(), "overlay", 0, options.c_str()) == 0,
+          "mounting an overlay on " + directory.string());
+}
+
+void provide(const fs::path& place, const fs::path& layered) {
+  if (!fs::exists(place)) {
+    overlay(layered);
+    fs::create_directories(place);
+  }
+  mount_memory(place);
+}
+
+}  // namespace
+
+void enter_private_mounts() {
+  require(unshare(CLONE_NEWNS) == 0, "unsharing the mount namespace (root is needed)");
+  require(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0,
+          "making the mounts private");
+  mount_memory("/mnt");
+  provide("/etc/oxa", "/etc");
+  provide("/usr/local/oxa", "/usr/local");
+  provide("/var/www", "/var");
+  provide("/var/lib/mysql", "/var/lib");
+}
+
+}  // namespace testsupport
