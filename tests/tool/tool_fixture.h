@@ -1,0 +1,44 @@
+// The real program in a private mount namespace, and archives made by the real tools.
+#ifndef TESTS_TOOL_TOOL_FIXTURE_H
+#define TESTS_TOOL_TOOL_FIXTURE_H
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "support/child.h"
+#include "support/scratch.h"
+
+/// Every test begins with empty compiled-in places, an "oxa.conf" that can be read (so that errno is
+/// 0 once it has been) and an empty ".skel".
+class ToolTest : public ::testing::Test {
+ protected:
+  void SetUp() override;
+
+  /// Runs the program; the words stand behind its name.
+  static testsupport::Outcome tembrix(const std::vector<std::string>& words,
+                                      const testsupport::RunOptions& options = {});
+
+  /// Runs a shell script in the scratch directory; the test fails unless it succeeds.
+  void shell(const std::string& script) const;
+
+  /// The path of a file below the scratch directory.
+  std::string at(const std::string& name) const { return scratch_ / name; }
+
+  static std::string store(const std::string& id) { return "/var/www/vhosts/.skel/" + id; }
+
+ private:
+  testsupport::ScratchDir scratch_;
+};
+
+/// What a fatal report looks like: the text on both streams, and status 1.
+testsupport::Outcome fatal(const std::string& text);
+
+/// What a run without reports looks like: the text on standard output, then the integer.
+testsupport::Outcome answer(int result, const std::string& text_before = "");
+
+/// Every statement of the usage text.
+extern const std::string kUsage;
+
+#endif
