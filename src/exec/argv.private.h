@@ -2,12 +2,11 @@
 #ifndef FRASK_EXEC_ARGV_PRIVATE_H
 #define FRASK_EXEC_ARGV_PRIVATE_H
 
-#include <errno.h>
-
 #include <string>
 #include <vector>
 
 #include "exec/TEArgs.h"
+#include "exec/keep_errno.private.h"
 
 namespace frask::sys {
 
@@ -26,9 +25,8 @@ class Argv {
   Argv(const Argv&) = delete;
   Argv& operator=(const Argv&) = delete;
   ~Argv() {
-    const int error = errno;
+    const KeepErrno keep;
     copies_.clear();
-    errno = error;
   }
 
   char* const* get() const noexcept { return pointers_.data(); }

@@ -3,18 +3,23 @@
 
 #include <algorithm>
 #include <new>
+#include <utility>
 
 #include "error/SystemError.h"
 #include "exec/children.private.h"
+#include "exec/keep_errno.private.h"
 
 namespace frask::sys {
 namespace {
 
-/// Of this thread, as the objects are that started them.
-std::vector<int>& abandoned() {
-  static thread_local std::vector<int> pids;
-  return pids;
-}
+struct Abandoned {
+  int pid;
+  Abandoned* next;
+};
+
+/// Of this thread, as the objects are that started them. A container would have a destructor, and
+/// registering that ends the process when memory is exhausted.
+thread_local Abandoned* abandoned = nullptr;
 
 /// Also when the caller has collected it with a wait() for any child.
 bool hasGone(int pid) noexcept {
@@ -24,21 +29,21 @@ bool hasGone(int pid) noexcept {
 }  // namespace
 
 void abandon(int pid) noexcept {
-  try {
-    abandoned().push_back(pid);
-  } catch (const std::bad_alloc&) {  // NOLINT(bugprone-empty-catch): see the declaration
-  }
+  if (auto* entry = new (std::nothrow) Abandoned{pid, abandoned}) abandoned = entry;
 }
 
 void collectAbandoned() noexcept {
-  const int error = errno;
-  std::vector<int>& pids = abandoned();
-  pids.erase(std::remove_if(pids.begin(), pids.end(), hasGone), pids.end());
-  errno = error;
+  const KeepErrno keep;
+  for (Abandoned** at = &abandoned; *at != nullptr;) {
+    if (hasGone((*at)->pid))
+      delete std::exchange(*at, (*at)->next);
+    else
+      at = &(*at)->next;
+  }
 }
 
 int wait_process(const TSLProcess& process) {
-  if (process.pid <= 0) return 0;  // waitpid() would take any child for it
+  const KeepErrno keep;
   int status = 0;
   while (::waitpid(process.pid, &status, WUNTRACED) == -1) {
     if (errno == ECHILD) return 0;

@@ -16,8 +16,8 @@ void abandon(int pid) noexcept;
 /// leaves errno as it was.
 void collectAbandoned() noexcept;
 
-/// The raw status of a child that has ended or stopped. 0 when it is no child of this process, as
-/// after execute() has waited for it, and when there is no process. @throws SystemError
+/// The raw status of a child that has ended or stopped; 0 when it is no child of this process, as
+/// after execute() has waited for it. Leaves errno as it was. @throws SystemError
 int wait_process(const TSLProcess& process);
 
 /// Children for which execute() did not wait; those not settled with in the end are abandoned.

@@ -27,9 +27,11 @@ void execGetOutput(std::string* out, int* status, const TExecsList& line) {
   const Handle<TExec::TPrepare> owner(capture);
   TExecsList captured(line);
   captured += owner;
+  *status = 0;
+  if (captured.empty()) return;
   Unwaited processes(captured.size());
   const TSLProcess last = executeInOrder(captured, processes);
-  if (!captured.empty()) processes.note(captured.back(), last);
+  processes.note(captured.back(), last);
   readAll(capture->read_end(), out);
   capture->close_read_end();  // a writer that is still there is not to wait for us
   *status = processes.settle(last);

@@ -4,6 +4,7 @@
 #include <typeinfo>
 
 #include "exec/argv.private.h"
+#include "exec/keep_errno.private.h"
 #include "exec/spawn.private.h"
 
 namespace frask::sys {
@@ -61,6 +62,7 @@ bool add(Actions& actions, const TExec::TPrepare* preparation) {
 }  // namespace
 
 int spawn(const TExec& command, const TExec::TPrepare* preparation) {
+  const KeepErrno keep;  // the search for the program sets it, though it succeeds in the end
   Actions actions;
   if (!actions.usable() || !add(actions, preparation)) return -1;
   const Argv argv(command.args());

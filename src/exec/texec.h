@@ -362,9 +362,12 @@ FRASK_API TExecsList operator,(const TExecsList&left, const TExecsList&right);
  * of data or an error in reading, an interruption included. Returns when every process of the line
  * has ended or, stopped, has been left to a later execute() to collect.
  *
+ * A capture is a preparation that lets failures of fork and exec be thrown, added behind those of
+ * the command, so no preparation can keep them quiet.
+ *
  * @param out     what was read is appended
  * @param status  the last command's status as waitpid(2) with WUNTRACED gives it; 0 when execute()
- *                has waited for it, whatever its end, and when nothing was started
+ *                has waited for it, whatever its end, and for an empty line
  * @throws SystemError  "waitpid() failed", besides what TExecsList::execute() throws
  */
 FRASK_API void execGetOutput(std::string* out, int* status, const TExecsList& line);

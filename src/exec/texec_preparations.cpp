@@ -5,6 +5,7 @@
 
 #include <utility>
 
+#include "exec/keep_errno.private.h"
 #include "exec/pipe.private.h"
 #include "exec/texec.h"
 
@@ -50,6 +51,7 @@ void TPipe::create() {
   close_write_end();
   Pipe pipe;
   if (!pipe.open()) throw TSysCallErr(errno);
+  const KeepErrno keep;
   // As shells do, so that a redirection of descriptor 3 in the child does not run over an end. A
   // tight descriptor limit is no reason to fail.
   Pipe::lift(pipe.read_end, kFirstPipeEnd);
