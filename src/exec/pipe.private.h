@@ -21,13 +21,14 @@ struct Pipe {
     if (pipe2(ends, O_CLOEXEC) != 0) return false;
     read_end.reset(ends[0]);
     write_end.reset(ends[1]);
-    return lift(read_end) && lift(write_end);
+    return lift(read_end, STDERR_FILENO + 1) && lift(write_end, STDERR_FILENO + 1);
   }
 
- private:
-  static bool lift(UniqueFd& end) noexcept {
-    if (end.get() > STDERR_FILENO) return true;
-    const int lifted = fcntl(end.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  /// Moves a descriptor to `lowest` or above. False with errno set, and nothing changed, on
+  /// failure.
+  static bool lift(UniqueFd& end, int lowest) noexcept {
+    if (end.get() >= lowest) return true;
+    const int lifted = fcntl(end.get(), F_DUPFD_CLOEXEC, lowest);
     if (lifted < 0) return false;
     end.reset(lifted);
     return true;
