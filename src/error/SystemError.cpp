@@ -31,6 +31,7 @@ template class ExSystemError<10>;
 template class ExSystemError<11>;
 
 void throwSystemError(const std::string& message, int code) {
+  const int error = errno;  // allocating an exception may change it even where it succeeds
   switch (code) {
     case EPERM:
       throw ExSystemError<EPERM>(message);
@@ -45,7 +46,7 @@ void throwSystemError(const std::string& message, int code) {
     // Deliberate: only a code that is given selects a class, never the errno that 0 stands for.
     // Pinned by ThrowSystemError.TakesErrnoForZeroAndThrowsThePlainClass.
     case 0:
-      throw SystemError(message, errno);
+      throw SystemError(message, error);
     default:
       throw SystemError(message, code);
   }

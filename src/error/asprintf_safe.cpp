@@ -13,9 +13,6 @@ char* asprintf_safe(const char* format, ...) {
   va_start(args, format);
   const int length = vasprintf(&text, format, args);
   va_end(args);
-  if (length < 0) {
-    messlog2(1, 1, "Cannot allocate memory: %s", strerror(errno));
-    return nullptr;
-  }
-  return text;
+  if (length < 0) messlog2(1, 1, "Cannot allocate memory: %s", strerror(errno));
+  return length < 0 ? nullptr : text;
 }

@@ -5,8 +5,9 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <memory>
 #include <string_view>
+
+#include "log/c_string.private.h"
 
 const char* PROGNAME = nullptr;
 
@@ -14,13 +15,9 @@ namespace {
 
 constexpr size_t kFirstSize = 4096;
 
-struct Free {
-  void operator()(char* text) const { free(text); }
-};
-
 /// A message under construction: the text, and the length that its formatting wanted.
 struct Message {
-  std::unique_ptr<char, Free> text;
+  frask::CString text;
   size_t size = 0;
   size_t length = 0;
 
@@ -95,6 +92,7 @@ void vmesslog2(int exit_code, int level, const char* format, va_list args) {
   Message message;
   if (!message.resize(kFirstSize)) {
     ex_messlog("Can't allocate memory for error message", exit_code, level);
+    errno = error;
     return;
   }
   errno = error;  // for a "%m" in the format

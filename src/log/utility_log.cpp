@@ -73,7 +73,9 @@ void _frask_utility_logv(int priority, const char* format, va_list args) {
   if (!both && !location_is("stderr")) return;
   va_list again;
   va_copy(again, args);
+  const int error = errno;  // for a "%m" in the format, whatever becomes of the first line
   write_line(stderr, format, args);
+  errno = error;
   if (both) write_line(stdout, format, again);
   va_end(again);
 }

@@ -9,11 +9,11 @@
 #include <sys/wait.h>
 
 #include <array>
-#include <memory>
 #include <string_view>
 
 #include "conf/database.h"
 #include "exec/forkexec.h"
+#include "log/c_string.private.h"
 #include "log/messlog.h"
 
 // clang-format off
@@ -34,10 +34,6 @@ constexpr off_t kSizeLimit = 2147483648;
 constexpr off_t kBlockSize = 512;
 constexpr int kSignalOrExitCode = 0xff7f;
 using Command = std::array<char, 4096>;
-
-struct Free {
-  void operator()(char* text) const { free(text); }
-};
 
 struct Sign {
   const char* text;
@@ -61,7 +57,7 @@ const ArchiveDescriptor* record_by_content(const char* file_name) {
   char* collected = nullptr;
   fork_execl_getout(&collected, "/usr/bin/file", "/usr/bin/file", "-ib", file_name,
                     static_cast<char*>(nullptr));
-  const std::unique_ptr<char, Free> output(collected);
+  const frask::CString output(collected);
   if (output == nullptr) return nullptr;
   for (const Sign& sign : kContentSigns)
     if (strstr(output.get(), sign.text) != nullptr) return sign.record;

@@ -1,5 +1,6 @@
 #include "tool/command_line.h"
 
+#include <exception>
 #include <stdexcept>
 
 #include "log/messlog.h"
@@ -11,7 +12,9 @@ using testsupport::Outcome;
 
 namespace {
 
-Outcome plain_fatal(const std::string& text) { return {text, text, 1 << 8}; }
+Outcome plain_fatal(const std::string& text) {
+  return {text, text, 1 << 8};
+}
 
 }  // namespace
 
@@ -59,7 +62,11 @@ TEST(CheckParameter, LetsOptionalAndGivenValuesPass) {
 TEST(WidoCppInit, InstallsTheTerminateHandler) {
   const Outcome outcome = in_child([] {
     wido_cpp_init();
-    [] () noexcept { throw std::runtime_error("boom"); }();
+    try {
+      throw std::runtime_error("boom");
+    } catch (...) {
+      std::terminate();  // as for an exception that nothing catches
+    }
   });
   EXPECT_EQ(outcome, (Outcome{"", "Unexpected error: boom\n", 1 << 8}));
 }

@@ -1,9 +1,8 @@
 // The command line end to end, as far as it needs no database.
 #include <grp.h>
+#include <linux/capability.h>
 #include <sys/prctl.h>
 #include <unistd.h>
-
-#include <linux/capability.h>
 
 #include <filesystem>
 
@@ -28,7 +27,10 @@ class Modes : public ToolTest {
   }
 
   Outcome as_nobody(std::vector<std::string> words) const {
-    const std::string program = public_program();
+    return as_nobody(public_program(), std::move(words));
+  }
+
+  static Outcome as_nobody(const std::string& program, std::vector<std::string> words) {
     return in_child([&] {
       if (setgroups(0, nullptr) != 0 || setgid(kNobody) != 0 || setuid(kNobody) != 0) _exit(97);
       std::vector<char*> argv{const_cast<char*>(program.c_str())};
@@ -56,8 +58,8 @@ TEST_F(Modes, GoOnAfterWhatGetoptReports) {
 }
 
 TEST_F(Modes, EndOnStrayWordsWhereverTheyStand) {
-  const Outcome left = fatal(
-      "Some parameters in command string are left unprocessed. Check parameters please.");
+  const Outcome left =
+      fatal("Some parameters in command string are left unprocessed. Check parameters please.");
   EXPECT_EQ(tembrix({"--test-archive", "--filename", "a.zip", "extra"}), left);
   EXPECT_EQ(tembrix({"extra", "--help"}), left);
   EXPECT_EQ(tembrix({"--", "--help"}), left);
@@ -71,9 +73,8 @@ TEST_F(Modes, CheckForStrayWordsBeforeTakingRootIdentity) {
 }
 
 TEST_F(Modes, TakeRootIdentityEvenForHelp) {
-  EXPECT_EQ(as_nobody({"--help"}),
-            fatal("Unable to get ROOT permissions: Operation not permitted\n"
-                  "System error 1: Operation not permitted"));
+  EXPECT_EQ(as_nobody({"--help"}), fatal("Unable to get ROOT permissions: Operation not permitted\n"
+                                         "System error 1: Operation not permitted"));
 }
 
 TEST_F(Modes, ReportAFailedSetgidInTheSameWords) {
@@ -91,13 +92,18 @@ TEST_F(Modes, AttemptSetgidOnlyAfterSetuid) {
   testsupport::RunOptions options;
   options.environment = {{"ASAN_OPTIONS", "detect_leaks=0"}};
   ASSERT_EQ(testsupport::run({"strace", "-o", at("good"), "-e", "trace=setuid,setgid",
-                              TEMBRIX_PROGRAM, "--help"}, options).exit_code(), 0);
+                              TEMBRIX_PROGRAM, "--help"},
+                             options)
+                .exit_code(),
+            0);
   const std::string good = testsupport::read_file(at("good"));
   EXPECT_LT(good.find("setuid(0)"), good.find("setgid(0)"));
   EXPECT_NE(good.find("setgid(0)"), std::string::npos);
   EXPECT_EQ(testsupport::run({"strace", "-o", at("bad"), "-e", "trace=setuid,setgid", "-e",
-                              "inject=setuid:error=EPERM", TEMBRIX_PROGRAM, "--help"}, options)
-                .exit_code(), 1);
+                              "inject=setuid:error=EPERM", TEMBRIX_PROGRAM, "--help"},
+                             options)
+                .exit_code(),
+            1);
   EXPECT_EQ(testsupport::read_file(at("bad")).find("setgid"), std::string::npos);
 }
 
@@ -107,7 +113,7 @@ TEST_F(Modes, RunWithAllIdentitiesOfRoot) {
   ASSERT_EQ(chown(program.c_str(), 0, 0), 0);
   ASSERT_EQ(chmod(program.c_str(), 06755), 0);
   write_file(store("7") + "/httpdocs/index.html", "text");
-  EXPECT_EQ(as_nobody({"--remove-skel", "--id", "7"}), answer(0));
+  EXPECT_EQ(as_nobody(program, {"--remove-skel", "--id", "7"}), answer(0));
   EXPECT_FALSE(std::filesystem::exists(store("7")));
 }
 
@@ -121,9 +127,8 @@ TEST_F(Modes, RequireAFileNameFirst) {
 
 TEST_F(Modes, CarryTheSystemErrorOfAMissingConfigurationFile) {
   std::filesystem::remove("/etc/oxa/oxa.conf");
-  EXPECT_EQ(tembrix({"--test-archive"}),
-            fatal("Error: parameter 'filename' wasn't specified\n"
-                  "System error 2: No such file or directory"));
+  EXPECT_EQ(tembrix({"--test-archive"}), fatal("Error: parameter 'filename' wasn't specified\n"
+                                               "System error 2: No such file or directory"));
 }
 
 TEST_F(Modes, RefuseFileNamesThatAreTooLong) {
@@ -157,9 +162,9 @@ TEST_F(Modes, RefuseClientIdsThatAreNoPlainDirectoryName) {
   const Outcome refused = fatal("Error: parameter 'id' is not a valid client id");
   write_file("/var/www/vhosts/.skel/keep/file", "kept");
   for (const std::string id :
-       {"", ".", "..", "/", "a/b", "../x", "7/", " ", "7 8", "a\tb", "a\nb", "\x01", "a\x7f", "a;b",
-        "$(id)", "`id`", "a|b", "a&b", "a>b", "a<b", "(a)", "a\\b", "a\"b", "a'b", "*", "?", "[a]",
-        "~", "#a", "a!b", "{a}"}) {
+       {"",     ".",     "..",  "/",     "a/b",  "../x", "7/",  " ",   "7 8", "a\tb", "a\nb",
+        "\x01", "a\x7f", "a;b", "$(id)", "`id`", "a|b",  "a&b", "a>b", "a<b", "(a)",  "a\\b",
+        "a\"b", "a'b",   "*",   "?",     "[a]",  "~",    "#a",  "a!b", "{a}"}) {
     SCOPED_TRACE(id);
     EXPECT_EQ(tembrix({"--remove-skel", "--id", id}), refused);
     EXPECT_EQ(tembrix({"--install-default", "--id", id}), refused);
@@ -215,7 +220,10 @@ TEST_F(Modes, AnswerMinusOneForZipWithoutItsTools) {
 }
 
 TEST_F(Modes, EndOnVirtualHostNamesThatCannotBeConverted) {
-  EXPECT_EQ(tembrix({"--vhost-name", "b\xc3\xbc" "cher.example", "--remove-skel", "--id", "7"}),
+  EXPECT_EQ(tembrix({"--vhost-name",
+                     "b\xc3\xbc"
+                     "cher.example",
+                     "--remove-skel", "--id", "7"}),
             answer(0));
   EXPECT_EQ(tembrix({"--vhost-name", std::string(64, 'a') + ".example"}),
             fatal("idn_toascii_safe(" + std::string(64, 'a') + ".example) failed: Invalid length"));

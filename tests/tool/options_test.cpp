@@ -83,7 +83,7 @@ TEST(Options, TakeAbbreviationsOfLongNames) {
 
 TEST(Options, ReadTheFourTypeWordsExactly) {
   const std::vector<std::pair<std::string, ArchiveType>> words{
-      {"zip", 2},    {"tgz", 4},  {"tar.gz", 4}, {"tar", 5},   {"TGZ", 0},    {"Zip", 0},
+      {"zip", 2},    {"tgz", 4},  {"tar.gz", 4}, {"tar", 5},  {"TGZ", 0},    {"Zip", 0},
       {"tar.bz", 0}, {"zipx", 0}, {"", 0},       {" zip", 0}, {"tar.GZ", 0}, {"gz", 0}};
   for (const auto& [word, type] : words) {
     SCOPED_TRACE(word);
@@ -165,8 +165,7 @@ TEST(Options, AreReportedByGetoptAloneWhenUnknownOrIncomplete) {
        "'--test-support'\n"}};
   for (const auto& [words, report] : cases) {
     SCOPED_TRACE(words[0]);
-    const testsupport::Outcome outcome =
-        testsupport::in_child([&words = words] { parse(words); });
+    const testsupport::Outcome outcome = testsupport::in_child([&words = words] { parse(words); });
     EXPECT_EQ(outcome.err, report);
     EXPECT_EQ(outcome.out, "");
     EXPECT_EQ(outcome.exit_code(), 0);

@@ -10,8 +10,8 @@
 #include "support/child.h"
 #include "support/scratch.h"
 
-/// Every test begins with empty compiled-in places, an "oxa.conf" that can be read (so that errno is
-/// 0 once it has been) and an empty ".skel".
+/// Every test begins with empty compiled-in places, an "oxa.conf" that can be read (so that errno
+/// is 0 once it has been) and an empty ".skel".
 class ToolTest : public ::testing::Test {
  protected:
   void SetUp() override;
