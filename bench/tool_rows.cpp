@@ -124,7 +124,7 @@ void add_tool_rows(std::vector<Row>& rows, const std::vector<long>& sizes) {
     for (const long entries : sizes)
       rows.push_back({std::string("install-") + format.name,
                       std::string("--install-skel, ") + format.name, entries,
-                      Aim{"a shell script: extraction, find, chown -R, chmod -R", 0.9},
+                      Aim{"a shell script of the extraction, find, chown -R and chmod", 0.9},
                       Aim{"extraction and one fstatat() an entry", 1.15},
                       [&format, entries] { return set_up_install(format, entries); }});
 }

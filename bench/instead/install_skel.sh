@@ -17,4 +17,5 @@ find "$store" -mindepth 1 -maxdepth 1 ! -name httpdocs ! -name cgi-bin ! -name a
   ! -name error_docs ! -name statistics ! -name webspace -exec rm -rf {} +
 find "$store" -name .quota -prune -exec rm -rf {} +
 chown -R root:root "$store"
-chmod -R u=rw,go=r,a+X "$store"
+find "$store" -type f -exec chmod 0644 {} +
+find "$store" -type d -exec chmod 0755 {} +
