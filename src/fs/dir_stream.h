@@ -22,22 +22,51 @@ class DirStream {
   /// Opens the directory `name` below `parent_fd` (or AT_FDCWD), never through a symbolic link in
   /// the last component. False with errno set on failure (ENOTDIR for a link).
   bool open(int parent_fd, const char* name) noexcept {
-    return adopt(
+    fd_.reset(
         ::openat(parent_fd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (fd_ && !resize(kBufferSize)) fd_.reset();
+    return static_cast<bool>(fd_);
   }
 
+  /// -1 when the stream is not open, or detached.
   int fd() const noexcept { return fd_.get(); }
 
-  /// The next entry other than "." and "..", valid until the next call; null at the end, and null
-  /// with errno set when the directory cannot be read further.
+  /// The next entry other than "." and ".."; null at the end, and when the directory cannot be read
+  /// further: then failed() holds and errno is set. errno is otherwise left alone.
   const Entry* next() noexcept {
-    while (const Entry* entry = next_of_any_name())
-      if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) return entry;
-    return nullptr;
+    do {
+      if (position_ >= filled_ && !refill()) return nullptr;
+      current_ = position_;
+      position_ += current()->d_reclen;
+    } while (strcmp(current()->d_name, ".") == 0 || strcmp(current()->d_name, "..") == 0);
+    return current();
   }
 
-  /// close(2)'s result.
-  int close() noexcept { return fd_.close(); }
+  /// The entry that next() gave last, valid until next(), detach() or the end of the stream.
+  const Entry* current() const noexcept {
+    // The kernel aligns each record for its 64-bit members, and malloc() the first one.
+    return static_cast<const Entry*>(static_cast<const void*>(buffer_.get() + current_));
+  }
+
+  bool failed() const noexcept { return failed_; }
+
+  /// Reads the rest into memory, from where next() goes on to give it, and frees the descriptor.
+  /// False with errno set when that is impossible; the stream is still good.
+  bool detach() noexcept {
+    ssize_t got = 1;
+    while (got > 0) {
+      if (!resize(filled_ + kBufferSize)) return false;
+      got = ::getdents64(fd_.get(), buffer_.get() + filled_, kBufferSize);
+      if (got < 0) return false;
+      filled_ += static_cast<size_t>(got);
+    }
+    fd_.reset();
+    static_cast<void>(resize(filled_));
+    return true;
+  }
+
+  /// close(2)'s result; 0 for a detached stream.
+  int close() noexcept { return fd_ ? fd_.close() : 0; }
 
  private:
   static constexpr size_t kBufferSize = 32768;
@@ -45,31 +74,29 @@ class DirStream {
     void operator()(char* buffer) const noexcept { free(buffer); }
   };
 
-  bool adopt(int fd) noexcept {
-    fd_.reset(fd);
-    if (fd < 0) return false;
-    buffer_.reset(static_cast<char*>(malloc(kBufferSize)));
-    if (buffer_ == nullptr) fd_.reset();
-    return buffer_ != nullptr;
+  bool resize(size_t size) noexcept {
+    char* moved = static_cast<char*>(realloc(buffer_.get(), size));
+    if (moved == nullptr) return false;
+    static_cast<void>(buffer_.release());
+    buffer_.reset(moved);
+    return true;
   }
 
-  const Entry* next_of_any_name() noexcept {
-    if (position_ >= filled_) {
-      const ssize_t got = ::getdents64(fd_.get(), buffer_.get(), kBufferSize);
-      if (got <= 0) return nullptr;
-      filled_ = static_cast<size_t>(got);
-      position_ = 0;
-    }
-    // The kernel aligns each record for its 64-bit members, and malloc() the first one.
-    const auto* entry = static_cast<const Entry*>(static_cast<void*>(buffer_.get() + position_));
-    position_ += entry->d_reclen;
-    return entry;
+  bool refill() noexcept {
+    if (!fd_) return false;
+    const ssize_t got = ::getdents64(fd_.get(), buffer_.get(), kBufferSize);
+    failed_ = got < 0;
+    filled_ = got > 0 ? static_cast<size_t>(got) : 0;
+    position_ = 0;
+    return filled_ > 0;
   }
 
   UniqueFd fd_;
   std::unique_ptr<char, Free> buffer_;
+  size_t current_ = 0;
   size_t position_ = 0;
   size_t filled_ = 0;
+  bool failed_ = false;
 };
 
 }  // namespace frask

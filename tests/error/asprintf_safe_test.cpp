@@ -30,7 +30,7 @@ TEST(AsprintfSafe, FormatsIntoNewMemory) {
 }
 
 TEST(AsprintfSafe, TakesAnyLength) {
-  for (const size_t length : {0, 1, 4095, 4096, 1000000}) {
+  for (const size_t length : {0U, 1U, 4095U, 4096U, 1000000U}) {
     SCOPED_TRACE(length);
     const std::string wanted(length, 'a');
     const Owned text(asprintf_safe("%s", wanted.c_str()));

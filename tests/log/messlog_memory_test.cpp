@@ -57,7 +57,7 @@ TEST(Messlog2WithoutMemory, EndsTheProcessWithTheExitCodeAllTheSame) {
 
 TEST(Messlog2WithoutMemory, CutsAMessageThatItCannotGrowFor) {
   const std::string kept(4095, 'm');
-  for (const size_t length : {4096, 4097, 5000}) {
+  for (const size_t length : {4096U, 4097U, 5000U}) {
     SCOPED_TRACE(length);
     const std::string text(length, 'm');
     expect_on_both(report(text, 0, 1), kept + "\n");

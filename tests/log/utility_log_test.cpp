@@ -192,15 +192,15 @@ TEST(FraskLogSetLevel, TakesTheLowestThreeBits) {
 TEST(FraskLogSetLevel, LetsTheEnvironmentRaiseTheLevelButNotLowerIt) {
   struct Row {
     int given;
-    const char* environment;
     int level;
+    const char* environment;
   };
-  const Row rows[] = {{8 | 3, "6", 6},   {8 | 3, "2", 3},  {8 | 3, "3", 3},  {8 | 3, "4", 4},
-                      {8 | 3, "7", 7},   {8 | 0, "0", 0},  {8 | 0, "1", 1},  {8 | 7, "0", 7},
-                      {8 | 3, "07", 3},  {8 | 3, "70", 3}, {8 | 3, "9", 3},  {8 | 3, "8", 3},
-                      {8 | 3, ":", 3},   {8 | 3, "/", 3},  {8 | 3, "-1", 3}, {8 | 3, "", 3},
-                      {8 | 3, " 6", 3},  {8 | 3, "6 ", 3}, {8 | 3, "x", 3},  {3, "6", 3},
-                      {0x10 | 3, "6", 3}};
+  const Row rows[] = {{8 | 3, 6, "6"},   {8 | 3, 3, "2"},  {8 | 3, 3, "3"},  {8 | 3, 4, "4"},
+                      {8 | 3, 7, "7"},   {8 | 0, 0, "0"},  {8 | 0, 1, "1"},  {8 | 7, 7, "0"},
+                      {8 | 3, 3, "07"},  {8 | 3, 3, "70"}, {8 | 3, 3, "9"},  {8 | 3, 3, "8"},
+                      {8 | 3, 3, ":"},   {8 | 3, 3, "/"},  {8 | 3, 3, "-1"}, {8 | 3, 3, ""},
+                      {8 | 3, 3, " 6"},  {8 | 3, 3, "6 "}, {8 | 3, 3, "x"},  {3, 3, "6"},
+                      {0x10 | 3, 3, "6"}};
   for (const Row& row : rows) {
     SCOPED_TRACE(std::to_string(row.given) + " with '" + row.environment + "'");
     const Outcome outcome = in_child(

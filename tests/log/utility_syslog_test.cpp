@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -37,6 +38,12 @@ std::vector<std::string> texts(const SyslogOutcome& outcome) {
   std::vector<std::string> result;
   for (const SyslogLine& line : outcome.lines) result.push_back(line.text);
   return result;
+}
+
+std::string words(std::initializer_list<std::string> list) {
+  std::string text;
+  for (const std::string& word : list) text += (text.empty() ? "" : " ") + word;
+  return text;
 }
 
 using Texts = std::vector<std::string>;
@@ -92,7 +99,7 @@ TEST(FraskLogInit, TakesTheLevelFromTheEnvironmentToo) {
 
 TEST(FraskLogInit, KeepsSixtyThreeCharactersOfTheIdentity) {
   const std::string ident = std::string(62, 'i') + "jkl";
-  for (const size_t length : {1, 62, 63, 64, 65}) {
+  for (const size_t length : {1U, 62U, 63U, 64U, 65U}) {
     SCOPED_TRACE(length);
     const SyslogOutcome outcome = in_child_with_syslog([&] {
       frask_log_init(nullptr, 6, LOG_MAIL, 0, ident.substr(0, length).c_str());
@@ -124,7 +131,7 @@ TEST(FraskLogInit, KeepsTheOptionsWithLogPidAdded) {
     });
     const long pid = atol(outcome.child.out.c_str());
     const std::string kept = std::to_string(options | 1U);
-    EXPECT_EQ(outcome.child.out, std::to_string(pid) + " " + kept + " " + kept);
+    EXPECT_EQ(outcome.child.out, words({std::to_string(pid), kept, kept}));
     ASSERT_EQ(outcome.lines.size(), 1U) << outcome.child;
     EXPECT_EQ(outcome.lines[0].pid, pid) << "the process id stands in every line";
   }
@@ -202,7 +209,7 @@ TEST(FraskLogInit, ReturnsFromSyslogToTheTerminal) {
 
 TEST(FraskLogInit, TakesTheTraceIdentifierFromTheEnvironment) {
   const std::string long_id = std::string(62, 't') + "uvw";
-  for (const size_t length : {1, 62, 63, 64, 65}) {
+  for (const size_t length : {1U, 62U, 63U, 64U, 65U}) {
     SCOPED_TRACE(length);
     const std::string id = long_id.substr(0, length);
     const SyslogOutcome outcome = in_child_with_syslog(
@@ -212,7 +219,7 @@ TEST(FraskLogInit, TakesTheTraceIdentifierFromTheEnvironment) {
           printf("%s %s", LogTraceId, getenv("FRASK_LOG_TRACE_ID"));
         },
         {{}, {{"FRASK_LOG_TRACE_ID", id}}, {}});
-    EXPECT_EQ(outcome.child.out, id.substr(0, 63) + " " + id);
+    EXPECT_EQ(outcome.child.out, words({id.substr(0, 63), id}));
     EXPECT_EQ(texts(outcome), Texts{id.substr(0, 63) + ": x"});
   }
 }
@@ -246,7 +253,7 @@ TEST(FraskLogInit, MakesATraceIdentifierOfTheProgramsInitialAndTheProcessId) {
     const SyslogOutcome outcome = make_trace_id(row.program, row.environment);
     const std::string pid = outcome.child.out.substr(outcome.child.out.rfind(' ') + 1);
     const std::string id = row.initial + pid;
-    EXPECT_EQ(outcome.child.out, id + " " + id + " " + pid) << "kept, and exported";
+    EXPECT_EQ(outcome.child.out, words({id, id, pid})) << "kept, and exported";
     EXPECT_EQ(texts(outcome), Texts{id + ": x"});
   }
 }

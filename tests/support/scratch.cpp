@@ -15,8 +15,10 @@ namespace fs = std::filesystem;
 
 namespace testsupport {
 
-ScratchDir::ScratchDir() {
-  std::string name = (fs::temp_directory_path() / "tembrix-test-XXXXXX").string();
+ScratchDir::ScratchDir() : ScratchDir(fs::temp_directory_path()) {}
+
+ScratchDir::ScratchDir(const fs::path& parent) {
+  std::string name = (parent / "tembrix-test-XXXXXX").string();
   if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("mkdtemp failed for " + name);
   path_ = name;
 }
@@ -29,6 +31,11 @@ ScratchDir::~ScratchDir() {
     if (it->is_regular_file(error) || it->is_directory(error)) set_immutable(it->path(), false);
   set_immutable(path_, false);
   fs::remove_all(path_, error);
+}
+
+fs::path memory_directory() {
+  const fs::path in_memory = "/dev/shm";
+  return fs::is_directory(in_memory) ? in_memory : fs::temp_directory_path();
 }
 
 void write_file(const fs::path& path, const std::string& content, mode_t mode) {

@@ -9,11 +9,12 @@
 
 namespace testsupport {
 
-/// A new directory below the temporary directory, removed with all it holds at the end of the test,
-/// immutable files included.
+/// A new directory below the temporary directory or another parent, removed with all it holds at
+/// the end of the test, immutable files included.
 class ScratchDir {
  public:
   ScratchDir();
+  explicit ScratchDir(const std::filesystem::path& parent);
   ~ScratchDir();
   ScratchDir(const ScratchDir&) = delete;
   ScratchDir& operator=(const ScratchDir&) = delete;
@@ -25,6 +26,9 @@ class ScratchDir {
  private:
   std::filesystem::path path_;
 };
+
+/// A parent for directories of thousands of entries: in memory, where the system has such a place.
+std::filesystem::path memory_directory();
 
 /// Writes a whole file, with the directories above it.
 void write_file(const std::filesystem::path& path, const std::string& content, mode_t mode = 0644);

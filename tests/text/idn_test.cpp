@@ -136,6 +136,7 @@ TEST(IdnToutf8, ConvertsEveryLabel) {
                       {"XN--BCHER-KVA.example", "B\u00fcCHER.example"},
                       {"\u00e4.xn--bcher-kva", "\u00e4.b\u00fccher"},
                       {"example.com", "example.com"},
+                      {"xn--a_-yka", "a_\u00fc"},  // the rules for host names are not applied
                       {"xn--bcher-kva\u3002example", "b\u00fccher.example"},
                       {"", ""}};
   for (const Row& row : rows) {
@@ -146,8 +147,9 @@ TEST(IdnToutf8, ConvertsEveryLabel) {
 
 TEST(IdnToutf8, LeavesALabelThatIsNoAsciiFormAsItIs) {
   idn_errno = kUntouched;
-  for (const std::string& domain : {std::string("xn--a"), std::string("xn--\u00fc"),
-                                    std::string("a..b"), std::string("\u0378"), kLabel64}) {
+  for (const std::string& domain :
+       {std::string("xn--a"), std::string("xn--zva"), std::string("xn--\u00fc"),
+        std::string("a..b"), std::string("\u0378"), kLabel64}) {
     SCOPED_TRACE(domain);
     EXPECT_STREQ(Owned(idn_toutf8(domain.c_str())).get(), domain.c_str());
   }

@@ -1,0 +1,38 @@
+// Not installed: the walk that changing and removing a tree have in common.
+#ifndef FRASK_FS_TREE_WALK_PRIVATE_H
+#define FRASK_FS_TREE_WALK_PRIVATE_H
+
+#include <sys/stat.h>
+
+namespace frask {
+
+/// What a walk does to the entries of a tree. Names are relative to the directory `dir_fd`, which
+/// may be AT_FDCWD. Each routine reports its own failure and then returns false; an entry that is
+/// gone (ENOENT) is no failure.
+class TreeAction {
+ public:
+  /// An entry that the directory lists as of `type` (a DT_ constant), and that nobody has looked
+  /// at. False, with nothing reported, when it must be looked at first, and so after any failure.
+  virtual bool on_listed(int dir_fd, const char* name, unsigned char type) = 0;
+  /// An entry that was looked at: it is of the type `mode`, and not a directory.
+  virtual bool on_entry(int dir_fd, const char* name, mode_t mode) = 0;
+  /// A directory whose contents have been walked.
+  virtual bool on_directory(int dir_fd, const char* name) = 0;
+
+ protected:
+  ~TreeAction() = default;
+};
+
+struct WalkRules {
+  int exit_code;       ///< of the walk's own reports: nonzero ends the process at the first one
+  bool stop_on_error;  ///< a directory in which something failed is left at once
+  bool include_top;    ///< the action is given the top directory, too, and not only what is below
+};
+
+/// Walks the directory `path`, depth first and never through a link, and acts on all it holds.
+/// Failures are reported through messlog2(). @return whether nothing failed
+bool walk_tree(const char* path, const WalkRules& rules, TreeAction& action);
+
+}  // namespace frask
+
+#endif

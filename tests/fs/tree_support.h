@@ -1,0 +1,62 @@
+// What the tests of the tree routines share.
+#ifndef TESTS_FS_TREE_SUPPORT_H
+#define TESTS_FS_TREE_SUPPORT_H
+
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "support/child.h"
+
+namespace fstest {
+
+/// chown_tree() or chmod_tree() on a path, with the texts in which they differ.
+struct Change {
+  std::string name;
+  std::function<void(const std::string& path, int include_top)> run;
+  std::string top_file;  ///< the text before the name, where a file given as the path resists
+  std::string entry;     ///< the same for a file inside
+  std::string dir;       ///< and for a directory
+  long call;             ///< the system call that makes the change
+};
+/// chown_tree() to 7:8, and chmod_tree() to 0640 and 0750.
+const std::vector<Change>& changes();
+
+/// A report of a system call that failed with `error`, as it stands on either stream.
+std::string report(const std::string& text, const std::string& name, int error);
+
+/// How a child ends that has written `reports` to both streams.
+testsupport::Outcome ended(int exit_code, const std::string& reports);
+
+/// A directory holding one entry of each type: "dir" with "file" in it, "file", "link" to that
+/// file, "dirlink" to that directory, "dangling", "pipe", "socket" and "device". All of mode 0604
+/// or 0705.
+void make_each_type(const std::filesystem::path& top);
+
+/// `names` below `top`, one inside the other, each of mode 0755.
+void make_chain(const std::filesystem::path& top, int depth, const std::string& name);
+
+/// Gives up root for good; the process ends with status 97 where that fails. `directory` becomes
+/// the working directory.
+void become_nobody_in(const std::filesystem::path& directory);
+
+/// From now on the kernel lacks the system call that changes modes without following links.
+void forget_fchmodat2();
+
+/// Lets this process have descriptors below `most` only.
+void limit_descriptors(unsigned most);
+
+/// Lets this process have `more` descriptors open at a time besides those that it has.
+void allow_descriptors(int more);
+
+std::string working_directory();
+
+/// The program that runs one routine, under strace with these options, and what it wrote.
+testsupport::Outcome run_traced(const std::vector<std::string>& strace_options,
+                                const std::string& routine, const std::string& path,
+                                const std::string& directory = {});
+
+}  // namespace fstest
+
+#endif

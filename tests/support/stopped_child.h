@@ -1,0 +1,27 @@
+// Brings about a race on purpose: something happens while a child stands before a system call.
+#ifndef TESTS_SUPPORT_STOPPED_CHILD_H
+#define TESTS_SUPPORT_STOPPED_CHILD_H
+
+#include <functional>
+#include <string>
+
+#include "support/child.h"
+
+namespace testsupport {
+
+/// A place in what a child does: its `occurrence`-th call of a system call. Where `name` is given,
+/// only calls count whose second argument is that name, as in openat() and its like.
+struct Call {
+  long number;
+  std::string name;
+  int occurrence = 1;
+};
+
+/// in_child(), with `meanwhile` run while the child stands before that call; it runs in a process
+/// of its own, as root. A child that never comes to the call gives exit status 96.
+Outcome in_child_stopped_at(const Call& call, const std::function<void()>& meanwhile,
+                            const std::function<void()>& body);
+
+}  // namespace testsupport
+
+#endif
