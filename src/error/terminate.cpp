@@ -8,13 +8,12 @@
 namespace frask {
 
 void terminateByExceptionUnsafe() {
-  static bool entered = false;
+  thread_local bool entered = false;
   if (entered) abort();
   entered = true;
   try {
     // terminate() without an exception: a rethrow would only call terminate() again.
-    if (const std::exception_ptr in_flight = std::current_exception())
-      std::rethrow_exception(in_flight);
+    if (std::current_exception() != nullptr) throw;
     fputs("Unexpected error\n", stderr);
   } catch (const std::exception& error) {
     fprintf(stderr, "Unexpected error: %s\n", error.what());

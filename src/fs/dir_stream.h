@@ -61,7 +61,7 @@ class DirStream {
       filled_ += static_cast<size_t>(got);
     }
     fd_.reset();
-    static_cast<void>(resize(filled_));
+    if (filled_ > 0) static_cast<void>(resize(filled_));
     return true;
   }
 

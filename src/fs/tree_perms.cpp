@@ -18,6 +18,11 @@ class TreeChange : public frask::TreeAction {
   /// The starting point, found to be a regular file.
   virtual void on_top_file(const char* path) = 0;
 
+  /// A change is not taken back, and a listing may be old: each entry is looked at first.
+  bool on_listed(int /*dir_fd*/, const char* /*name*/, unsigned char /*type*/) override {
+    return false;
+  }
+
  protected:
   ~TreeChange() = default;
 };
@@ -27,10 +32,6 @@ class OwnerChange final : public TreeChange {
   OwnerChange(uid_t owner, gid_t group) : owner_(owner), group_(group) {}
 
   void on_top_file(const char* path) override { on_entry(AT_FDCWD, path, S_IFREG); }
-
-  bool on_listed(int dir_fd, const char* name, unsigned char type) override {
-    return type == DT_REG && changed(dir_fd, name);
-  }
 
   bool on_entry(int dir_fd, const char* name, mode_t mode) override {
     if (S_ISREG(mode) && !changed(dir_fd, name))
@@ -60,10 +61,6 @@ class ModeChange final : public TreeChange {
   void on_top_file(const char* path) override {
     if (!changed(AT_FDCWD, path, file_mode_))
       messlog2(1, 1, "Unable to chmod entry %s: %s\n", path, strerror(errno));
-  }
-
-  bool on_listed(int dir_fd, const char* name, unsigned char type) override {
-    return type == DT_REG && changed(dir_fd, name, file_mode_);
   }
 
   bool on_entry(int dir_fd, const char* name, mode_t mode) override {

@@ -118,7 +118,7 @@ class TreeWalk {
   bool open_directory(DirStream& dir) {
     const int error = errno;
     if (dir.open(dir_fd(), name())) return true;
-    if (errno != EMFILE || !level_ || !level_->detach()) return false;
+    if ((errno != EMFILE && errno != ENFILE) || !level_ || !level_->detach()) return false;
     errno = error;
     return dir.open(dir_fd(), name());
   }

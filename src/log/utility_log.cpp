@@ -112,8 +112,9 @@ void frask_log_init(const char* location, int level, int facility, unsigned int 
   }
   closelog();
   LogOpts = options | LOG_PID;
-  snprintf(LogIdent, sizeof LogIdent, "%s",
-           ident != nullptr ? ident : program_invocation_short_name);
+  if (ident != LogIdent)  // a second call may hand in the identity that is in force
+    snprintf(LogIdent, sizeof LogIdent, "%s",
+             ident != nullptr ? ident : program_invocation_short_name);
   if ((LogOpts & FRASK_LOG_TRACE) != 0) choose_trace_id();
   openlog(LogIdent, static_cast<int>(LogOpts & kPassedOptions), LogFacility);
   frask_log = _frask_utility_syslog;

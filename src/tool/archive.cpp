@@ -84,20 +84,27 @@ const ArchiveDescriptor* detect(const char* file_name) {
   return record != nullptr ? record : record_by_extension(file_name);
 }
 
-/// False when nothing came of it, and when it does not fit: a command that was cut would name
-/// another file or another directory to a root shell, so it is never run.
-bool is_formed(int wanted) {
-  return wanted > 0 && static_cast<size_t>(wanted) < Command().size();
+// Deliberate: the status is the raw one, 256 for exit code 1, and the text is misspelled; the
+// panel's log readers look for both. Pinned by TestIntegrity.ReportsTheRawStatusOfACorruptArchive.
+void report_unsuccessful(const char* command, int status) {
+  messlog2(0, 1, "Unsuccessfull execution of command '%s'. Exit status %d", command, status);
 }
 
 /// system(), with the report of any status but 0.
 int run_reported(const char* command) {
   const int status = system(command);  // NOLINT(cert-env33-c,bugprone-command-processor)
   if (status == 0) return 0;
-  // Deliberate: the status is the raw one, 256 for exit code 1, and the text is misspelled; the
-  // panel's log readers look for both. Pinned by
-  // TestIntegrity.ReportsTheRawStatusOfACorruptArchive.
-  messlog2(0, 1, "Unsuccessfull execution of command '%s'. Exit status %d", command, status);
+  report_unsuccessful(command, status);
+  return -1;
+}
+
+/// Runs a command that was formatted with `wanted` as the length it takes.
+int run_formed(const Command& command, int wanted) {
+  if (wanted <= 0) return -1;
+  if (static_cast<size_t>(wanted) < command.size()) return run_reported(command.data());
+  // A command that was cut would name another file or directory to a root shell: it is not run,
+  // and reported as one that system() cannot run.
+  report_unsuccessful(command.data(), -1);
   return -1;
 }
 
@@ -144,19 +151,17 @@ int testIntegrity(const ArchiveDescriptor* descriptor) {
   }
   if (record_of_type(descriptor->type) == nullptr) return 0;
   Command command;
-  if (!is_formed(snprintf(command.data(), command.size(), descriptor->test_command,
-                          descriptor->file_name)))
-    return 2;
-  return run_reported(command.data()) == 0 ? 0 : 2;
+  const int wanted =
+      snprintf(command.data(), command.size(), descriptor->test_command, descriptor->file_name);
+  return run_formed(command, wanted) == 0 ? 0 : 2;
 }
 
 int extractTo(const ArchiveDescriptor* descriptor, const char* directory) {
   if (record_of_type(descriptor->type) == nullptr) return -1;
   Command command;
-  if (!is_formed(snprintf(command.data(), command.size(), descriptor->extract_command,
-                          descriptor->file_name, directory)))
-    return -1;
-  return run_reported(command.data());
+  const int wanted = snprintf(command.data(), command.size(), descriptor->extract_command,
+                              descriptor->file_name, directory);
+  return run_formed(command, wanted);
 }
 
 int executeCommand(const char* command) {

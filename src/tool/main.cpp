@@ -1,5 +1,6 @@
 #include <errno.h>
 #include <getopt.h>
+#include <signal.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -21,6 +22,7 @@ void become_root() {
 int main(int argc, char** argv) {
   PROGNAME = argv[0];
   wido_cpp_init();
+  signal(SIGCHLD, SIG_DFL);  // a caller that ignores it would leave the tool without any status
   const Options options = parse_options(argc, argv);
   check_unprocessed_parameters(argc, optind, argv);
   static_cast<void>(autoprepend());  // without the file the compiled-in defaults hold

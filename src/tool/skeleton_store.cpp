@@ -52,6 +52,12 @@ void change_into(const DirStream& directory, const char* name) {
     messlog2(1, 1, "Unable to change dir %s: %s\n", name, strerror(errno));
 }
 
+/// Nothing may stay in a store because its listing broke off.
+void require_whole_listing(const DirStream& directory, const char* name) {
+  if (directory.failed())
+    messlog2(1, 1, "Unable to check directory entry %s: %s\n", name, strerror(errno));
+}
+
 void close_directory(DirStream& directory, const char* name) {
   if (directory.close() != 0) messlog2(1, 1, "Unable to close dir %s: %s\n", name, strerror(errno));
 }
@@ -65,11 +71,14 @@ void clean_directory(int parent, const char* name) {
   change_into(directory, name);
   while (const DirStream::Entry* entry = directory.next()) {
     const bool descend = is_directory(directory.fd(), entry->d_name) && entry->d_name[0] != '.';
-    if (is_listed(entry->d_name, forbidden_subs_entry)) rm_tree(entry->d_name, 1);
     // Deliberate: hidden directories are not entered; their owners keep what is in them.
     // Pinned by RemoveForbidEntries.NeverEntersHiddenDirectories.
-    if (descend) clean_directory(directory.fd(), entry->d_name);
+    if (is_listed(entry->d_name, forbidden_subs_entry))
+      rm_tree(entry->d_name, 1);
+    else if (descend)
+      clean_directory(directory.fd(), entry->d_name);
   }
+  require_whole_listing(directory, name);
   if (fchdir(parent) != 0)  // not "..": the directory may have been moved meanwhile
     messlog2(1, 1, "Unable to change dir %s: %s\n", "..", strerror(errno));
   close_directory(directory, name);
@@ -93,6 +102,7 @@ void prune_store(const char* store, const char* client_id) {
     else
       rm_tree(entry->d_name, 1);
   }
+  require_whole_listing(directory, store);
   if (chdir("..") != 0) messlog2(1, 1, "Unable to change dir %s: %s\n", "..", strerror(errno));
   close_directory(directory, store);
 }

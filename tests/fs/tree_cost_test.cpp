@@ -53,9 +53,9 @@ TEST(RmTreeAux, MakesOneCallForAFileAndEightForADirectory) {
   EXPECT_EQ(cost.per_dirs, 8L * kDirs);
 }
 
-TEST(TreeSetPerms, MakesTwoCallsForAFileAndSixteenForADirectory) {
+TEST(TreeSetPerms, MakesFourCallsForAFileAndSixteenForADirectory) {
   const Cost cost = cost_of("perms");
-  EXPECT_EQ(cost.per_files, 2L * kFiles * (1 + kDirs));
+  EXPECT_EQ(cost.per_files, 4L * kFiles * (1 + kDirs));
   EXPECT_EQ(cost.per_dirs, 16L * kDirs);
 }
 

@@ -201,7 +201,7 @@ TEST(EitherChange, EndsWhenAnEntryCannotBeExamined) {
     ASSERT_NO_FATAL_FAILURE(make_tree_of_nobody(scratch));
     const std::string sub = scratch / "top/sub";
     const auto outcome = testsupport::in_child_stopped_at(
-        {change.call, "file"}, [&] { chmod(sub.c_str(), 0400); },
+        {SYS_newfstatat, "file"}, [&] { chmod(sub.c_str(), 0400); },
         [&] {
           fstest::become_nobody_in(scratch.path());
           change.run("top", 1);

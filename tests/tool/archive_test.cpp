@@ -118,6 +118,13 @@ TEST_F(GetArchiveDc, TellsTheTypeByContentWhateverTheName) {
   EXPECT_EQ(type_of(at("b.tar.gz")), ARCHIVE_TGZ);
 }
 
+TEST_F(GetArchiveDc, LooksForGzipThenTarThenZipInWhatFileSays) {
+  // Of a missing file, file(1) says the name: all the words are in it.
+  EXPECT_EQ(type_of("/missing/start.zip"), ARCHIVE_TAR);
+  EXPECT_EQ(type_of("/missing/gzip.tar"), ARCHIVE_TGZ);
+  EXPECT_EQ(type_of("/missing/zip.tgz"), ARCHIVE_ZIP);
+}
+
 TEST_F(GetArchiveDc, TellsTheTypeByExtensionWhereTheContentSaysNothing) {
   const std::pair<const char*, int> names[] = {
       {"SITE.ZIP", 2},   {"a.zip", 2},    {"a.tgz", 4},      {"a.TGZ", 4},       {"a.tar.gz", 4},

@@ -218,6 +218,15 @@ TEST_F(TestIntegrity, EndsWhenTheFileCannotBeExamined) {
                   ": No such file or directory\n\nSystem error 2: No such file or directory"));
 }
 
+TEST_F(TestIntegrity, LooksForTheFileBeforeItAsksHowToCount) {
+  testsupport::MariaDbOptions options;
+  options.with_misc = false;
+  const MariaDbServer server(options);
+  EXPECT_EQ(test("missing.zip"),
+            fatal("Unable to check directory entry " + at("missing.zip") +
+                  ": No such file or directory\n\nSystem error 2: No such file or directory"));
+}
+
 TEST_F(TestIntegrity, FollowsLinksToTheFile) {
   MariaDbServer server;
   count_by(server, "byte");
@@ -239,7 +248,10 @@ TEST_F(TestIntegrity, AnswersTwoForACommandThatIsEmptyOrDoesNotFit) {
   const size_t path = at("a.tar").size();
   const std::string fits = fixed + std::string(4095 - fixed.size() - path, ' ') + "%s";
   EXPECT_EQ(with_command(fits.c_str()), (Outcome{"", "", 0}));
-  EXPECT_EQ(with_command((" " + fits).c_str()), (Outcome{"", "", 2 << 8})) << "never cut and run";
+  const Outcome outcome = with_command((" " + fits).c_str());
+  EXPECT_EQ(outcome.exit_code(), 2) << "never cut and run";
+  EXPECT_EQ(outcome.out.rfind("Unsuccessfull execution of command ' exit 0; ", 0), 0U);
+  EXPECT_NE(outcome.out.find("'. Exit status -1\n"), std::string::npos);
 }
 
 TEST_F(TestIntegrity, ReadsTheConnectionFromTheSettings) {

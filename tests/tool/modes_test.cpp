@@ -1,6 +1,7 @@
 // The command line end to end, as far as it needs no database.
 #include <grp.h>
 #include <linux/capability.h>
+#include <signal.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
@@ -108,7 +109,7 @@ TEST_F(Modes, AttemptSetgidOnlyAfterSetuid) {
 }
 
 TEST_F(Modes, RunWithAllIdentitiesOfRoot) {
-  // The tool is installed set-user-id for the panel's unprivileged callers.
+  // Where an administrator has made it set-user-id.
   const std::string program = public_program();
   ASSERT_EQ(chown(program.c_str(), 0, 0), 0);
   ASSERT_EQ(chmod(program.c_str(), 06755), 0);
@@ -225,8 +226,11 @@ TEST_F(Modes, EndOnVirtualHostNamesThatCannotBeConverted) {
                      "cher.example",
                      "--remove-skel", "--id", "7"}),
             answer(0));
-  EXPECT_EQ(tembrix({"--vhost-name", std::string(64, 'a') + ".example"}),
-            fatal("idn_toascii_safe(" + std::string(64, 'a') + ".example) failed: Invalid length"));
+  const std::string bad = std::string(64, 'a') + ".example";
+  const Outcome refused = fatal("idn_toascii_safe(" + bad + ") failed: Invalid length");
+  EXPECT_EQ(tembrix({"--vhost-name", bad}), refused);
+  EXPECT_EQ(tembrix({"-V", bad}), refused);
+  EXPECT_EQ(tembrix({"--help", "stray", "--vhost-name", bad}), refused) << "while options are read";
 }
 
 TEST_F(Modes, NameThemselvesByTheBaseNameOfTheProgram) {

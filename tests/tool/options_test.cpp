@@ -134,6 +134,7 @@ TEST(Options, IgnoresWhatOnlyTheSiteToolsUse) {
   const Options options =
       parse({"-s", "--www-root", "/srv", "--skip-www-root", "--cgi-bin-path", "/cgi",
              "--skip-cgi-bin", "--skip-error-docs", "--vhost-name", "example.com"});
+  EXPECT_EQ(optind, 11) << "each took its argument, and only those that have one";
   EXPECT_EQ(options.mode, Mode::kNone);
   EXPECT_EQ(options.forced_type, ARCHIVE_DETECT);
   EXPECT_STREQ(options.file_name, "");
@@ -158,7 +159,16 @@ TEST(Options, AreReportedByGetoptAloneWhenUnknownOrIncomplete) {
       {{"--bogus"}, "tembrix: unrecognized option '--bogus'\n"},
       {{"-x"}, "tembrix: invalid option -- 'x'\n"},
       {{"--filename"}, "tembrix: option '--filename' requires an argument\n"},
+      {{"--www-root"}, "tembrix: option '--www-root' requires an argument\n"},
+      {{"--cgi-bin-path"}, "tembrix: option '--cgi-bin-path' requires an argument\n"},
       {{"-I"}, "tembrix: option requires an argument -- 'I'\n"},
+      {{"-V"}, "tembrix: option requires an argument -- 'V'\n"},
+      {{"--i"},
+       "tembrix: option '--i' is ambiguous; possibilities: '--install-skel' '--install-default' "
+       "'--id'\n"},
+      {{"--s"},
+       "tembrix: option '--s' is ambiguous; possibilities: '--skip-www-root' '--skip-cgi-bin' "
+       "'--skip-error-docs'\n"},
       {{"--test-archive=1"}, "tembrix: option '--test-archive' doesn't allow an argument\n"},
       {{"--test"},
        "tembrix: option '--test' is ambiguous; possibilities: '--test-archive' "

@@ -180,11 +180,21 @@ TEST_F(InstallSkel, GivesAnEmptyStoreAndZeroForACorruptArchive) {
 
 TEST_F(InstallSkel, KeepsWhatATruncatedArchiveHeldInItsFirstPart) {
   pack("mkdir httpdocs; echo one > httpdocs/one; head -c 200000 /dev/urandom > httpdocs/two");
-  shell("tar -cf cut.tar -C skel httpdocs; truncate -s 100000 cut.tar");
+  shell("tar -cf cut.tar -C skel httpdocs/one httpdocs/two; truncate -s 100000 cut.tar");
   const Outcome outcome = install("7", "cut.tar");
   EXPECT_EQ(outcome.exit_code(), 0);
-  EXPECT_TRUE(fs::is_directory(store("7") + "/httpdocs"));
+  EXPECT_EQ(testsupport::read_file(store("7") + "/httpdocs/one"), "one\n");
   EXPECT_EQ(testsupport::mode_of(store("7") + "/httpdocs"), 0755U);
+}
+
+TEST_F(InstallSkel, SaysSoWhenTheCommandDoesNotFit) {
+  const std::string name(4080, 'a');
+  const Outcome outcome =
+      tembrix({"--install-skel", "--force-type", "tar", "--filename", name, "--id", "7"});
+  EXPECT_EQ(outcome.out.rfind("tembrix: Unsuccessfull execution of command 'tar -xf aaa", 0), 0U);
+  EXPECT_NE(outcome.out.find("'. Exit status -1\n"), std::string::npos);
+  EXPECT_EQ(outcome.out.substr(outcome.out.size() - 3), "\n0\n");
+  EXPECT_TRUE(fs::is_empty(store("7")));
 }
 
 TEST_F(InstallSkel, DoesNotCreateTheDirectoryAboveTheStores) {
@@ -259,6 +269,10 @@ TEST_F(InstallSkel, ReportsWhatCannotBeOpenedEnteredOrClosed) {
        "Unable to change dir " + top + ": Input/output error\n"},
       {"-P " + top + " -e inject=close:error=EIO:when=2",  // the first is of the kept "."
        "Unable to close dir " + top + ": Input/output error\n"},
+      {"-P " + top + " -e inject=getdents64:error=EIO",
+       "Unable to check directory entry " + top + ": Input/output error\n"},
+      {"-P " + top + "/httpdocs -e inject=getdents64:error=EIO",
+       "Unable to check directory entry httpdocs: Input/output error\n"},
       {"-e inject=chdir:error=EIO", "Unable to change dir ..: Input/output error\n"},
       {"-P httpdocs -e inject=newfstatat:error=EIO",
        "Unable to check directory entry httpdocs: Input/output error\n"},

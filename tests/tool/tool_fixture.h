@@ -38,7 +38,7 @@ testsupport::Outcome fatal(const std::string& text);
 /// What a run without reports looks like: the text on standard output, then the integer.
 testsupport::Outcome answer(int result, const std::string& text_before = "");
 
-/// Every statement of the usage text.
+/// The usage text, with the newline that puts() adds.
 extern const std::string kUsage;
 
 #endif
