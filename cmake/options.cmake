@@ -16,6 +16,7 @@ if(TEMBRIX_COVERAGE)
   target_link_options(tembrix_options INTERFACE --coverage)
 endif()
 if(TEMBRIX_FUZZ)
-  target_compile_options(tembrix_options INTERFACE -fsanitize=fuzzer-no-link,address,undefined)
+  target_compile_options(tembrix_options INTERFACE -fsanitize=fuzzer-no-link,address,undefined
+    -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
   target_link_options(tembrix_options INTERFACE -fsanitize=address,undefined)
 endif()

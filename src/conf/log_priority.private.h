@@ -1,0 +1,16 @@
+// Not installed: the priority of this room's messages about configuration files.
+#ifndef FRASK_CONF_LOG_PRIORITY_PRIVATE_H
+#define FRASK_CONF_LOG_PRIORITY_PRIVATE_H
+
+#include <syslog.h>
+
+namespace frask::conf {
+
+// Deliberate: with a facility in it the priority is above every terminal's level. A panel without a
+// configuration file is in order, and its tools' output, which callers parse, must not mention it.
+// Pinned by ConfReadFileR.IsSilentOnTheTerminal.
+constexpr int kConfWarning = LOG_USER | LOG_WARNING;
+
+}  // namespace frask::conf
+
+#endif

@@ -1,0 +1,94 @@
+// Not installed: the owners of C strings, streams and line buffers in this room. All of them leave
+// errno as it was, for the report that follows.
+#ifndef FRASK_CONF_OWNERS_PRIVATE_H
+#define FRASK_CONF_OWNERS_PRIVATE_H
+
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <memory>
+
+namespace frask::conf {
+
+struct Free {
+  void operator()(void* memory) const noexcept { free(memory); }
+};
+using CString = std::unique_ptr<char, Free>;
+
+struct CloseStream {
+  void operator()(FILE* stream) const noexcept {
+    const int error = errno;
+    fclose(stream);
+    errno = error;
+  }
+};
+using Stream = std::unique_ptr<FILE, CloseStream>;
+
+/// A file that may hold a password: it is read through a buffer that is wiped after use. Not
+/// movable, for the stream points into the object.
+class SecretFile {
+ public:
+  explicit SecretFile(const char* path) noexcept : stream_(fopen(path, "re")) {
+    if (stream_) setvbuf(stream_.get(), buffer_, _IOFBF, sizeof buffer_);
+  }
+  ~SecretFile() {
+    stream_.reset();
+    explicit_bzero(buffer_, sizeof buffer_);
+  }
+  SecretFile(const SecretFile&) = delete;
+  SecretFile& operator=(const SecretFile&) = delete;
+
+  explicit operator bool() const noexcept { return stream_ != nullptr; }
+  FILE* stream() const noexcept { return stream_.get(); }
+
+ private:
+  char buffer_[BUFSIZ];
+  Stream stream_;
+};
+
+/// Memory that is wiped before it is freed.
+class Wipe {
+ public:
+  explicit Wipe(size_t size = 0) noexcept : size_(size) {}
+  void operator()(char* memory) const noexcept {
+    explicit_bzero(memory, size_);
+    free(memory);
+  }
+
+ private:
+  size_t size_;
+};
+using Secret = std::unique_ptr<char, Wipe>;
+
+/// The lines of a file, one after the other, in one growing buffer that is wiped before it is
+/// freed.
+class LineBuffer {
+ public:
+  LineBuffer() = default;
+  /// Growing may leave a copy of the line behind in freed memory. A buffer that is large enough at
+  /// the start never grows; without the memory for it, it grows after all.
+  explicit LineBuffer(size_t size) noexcept : text_(static_cast<char*>(malloc(size))) {
+    if (text_ != nullptr) size_ = size;
+  }
+  ~LineBuffer() {
+    if (text_ != nullptr) explicit_bzero(text_, size_);
+    free(text_);
+  }
+  LineBuffer(const LineBuffer&) = delete;
+  LineBuffer& operator=(const LineBuffer&) = delete;
+
+  /// Reads the next line, its newline included; false at the end, and when reading fails with
+  /// errno.
+  bool read(FILE* stream) noexcept { return getline(&text_, &size_, stream) != -1; }
+  char* text() const noexcept { return text_; }
+
+ private:
+  char* text_ = nullptr;
+  size_t size_ = 0;
+};
+
+}  // namespace frask::conf
+
+#endif

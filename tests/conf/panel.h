@@ -1,0 +1,17 @@
+// The places of the panel's configuration, private to a child process.
+#ifndef TESTS_CONF_PANEL_H
+#define TESTS_CONF_PANEL_H
+
+#include <functional>
+
+#include "support/child.h"
+
+constexpr const char* kConfigurationFile = "/etc/oxa/oxa.conf";
+constexpr const char* kSettingsFile = "/etc/oxa/private/dsn.ini";
+constexpr const char* kShadowFile = "/etc/oxa/.oxa.shadow";
+
+/// Runs `body` in a child that sees empty directories in place of the panel's. Expects that the
+/// child passes: expectations may stand in `body`, and an exception counts as a failure.
+testsupport::Outcome in_panel(const std::function<void()>& body);
+
+#endif
