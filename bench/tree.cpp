@@ -23,9 +23,9 @@ namespace {
 
 constexpr size_t kLargestFile = 8192;
 
-// NOLINTNEXTLINE(cert-msc32-c,cert-msc51-cpp): predictable, for the same trees in every run
+/// The same numbers, for the same trees, in every run.
 std::minstd_rand random_numbers() {
-  return std::minstd_rand(1);
+  return std::minstd_rand(1);  // NOLINT(cert-msc32-c,cert-msc51-cpp): predictable on purpose
 }
 
 std::string some_text(size_t size) {
