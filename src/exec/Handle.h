@@ -42,9 +42,7 @@ class FRASK_API Handle {
   }
 
   ~Handle() {
-    if (--*count_ != 0) return;
-    delete object_;
-    delete count_;
+    if (--*count_ == 0) destroy();
   }
 
   /** The object, or null. */
@@ -57,6 +55,13 @@ class FRASK_API Handle {
   unsigned int count() const noexcept { return *count_; }
 
  private:
+  // Kept out of line: GCC 12 takes the copies of a handle that it has inlined for uses of a count
+  // that was deleted (-Wuse-after-free).
+  [[gnu::noinline]] void destroy() noexcept {
+    delete object_;
+    delete count_;
+  }
+
   T* object_;
   unsigned int* count_;
 };

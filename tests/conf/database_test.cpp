@@ -496,14 +496,19 @@ TEST(FraskDbConnectRawEx, DoesWithoutABufferForTheError) {
 }
 
 TEST(FraskDbConnectRawEx, LeavesNoPasswordInMemory) {
+  if (getenv("LD_BIND_NOW") == nullptr) {
+    // A dynamic linker that binds at the first call saves registers, and what was copied last is
+    // in them; so once more in a process in which all calls are bound from the start.
+    testsupport::RunOptions bound;
+    bound.environment["LD_BIND_NOW"] = "1";
+    const Outcome outcome = testsupport::run(
+        {"/proc/self/exe", "--gtest_filter=FraskDbConnectRawEx.LeavesNoPasswordInMemory"}, bound);
+    EXPECT_EQ(outcome.exit_code(), 0) << outcome;
+    return;
+  }
   for (const bool in_settings : {true, false}) {
     SCOPED_TRACE(in_settings ? "from the settings" : "from the shadow file");
     in_panel([in_settings] {
-      // The dynamic linker saves registers, and in them what was copied last, at a routine's first
-      // call; one attempt with another password has that done.
-      write_shadow("another\n");
-      EXPECT_NE(error_of(), "connected") << "no server runs";
-      std::filesystem::remove(kShadowFile);
       const HiddenText password(60);
       if (in_settings) {
         write_settings("password = ");

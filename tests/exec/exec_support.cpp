@@ -18,6 +18,7 @@
 
 #include "exec/descriptor_listing.h"
 #include "log/utility_log.h"
+#include "support/opaque_malloc.h"
 
 namespace exectest {
 namespace {
@@ -177,10 +178,10 @@ void forbid_forks() {
 void exhaust_memory(size_t size, size_t spared) {
   // Enough for the stack that posix_spawn() maps, too little for malloc() to go on with.
   constexpr rlim_t kSlack = 65536;
-  void* kept = malloc(spared);
+  void* kept = testsupport::opaque_malloc(spared);
   limit(RLIMIT_AS, address_space() + kSlack);
   do {
-    allocated = malloc(size);
+    allocated = testsupport::opaque_malloc(size);
   } while (allocated != nullptr);
   free(kept);
 }

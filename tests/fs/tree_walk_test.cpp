@@ -14,6 +14,7 @@
 
 #include "fs/tree.h"
 #include "fs/tree_walk.private.h"
+#include "support/opaque_malloc.h"
 #include "support/private_mounts.h"
 #include "support/scratch.h"
 #include "support/stopped_child.h"
@@ -242,7 +243,7 @@ TEST(TreeWalk, LooksAtEntriesThatAreListedWithoutAType) {
 
 /// Leaves no memory for the buffer of a directory, but some for a report.
 void use_up_memory() {
-  void* const for_the_report = malloc(8192);
+  void* const for_the_report = testsupport::opaque_malloc(8192);
   long pages = 0;
   std::ifstream("/proc/self/statm") >> pages;
   const auto most = static_cast<rlim_t>(pages * sysconf(_SC_PAGESIZE));
@@ -250,7 +251,7 @@ void use_up_memory() {
   if (pages == 0 || setrlimit(RLIMIT_AS, &limit) != 0) _exit(97);
   for (size_t size = 32768; size >= 8192; size /= 2) {
     const volatile void* taken = for_the_report;
-    while (taken != nullptr) taken = malloc(size);
+    while (taken != nullptr) taken = testsupport::opaque_malloc(size);
   }
   free(for_the_report);
 }

@@ -45,7 +45,7 @@ class Window {
     return n > 0 ? static_cast<size_t>(n) : 0;
   }
   size_t copies(size_t size, const std::string& disguised) const {
-    const int first = uncovered(disguised[0]);
+    const auto first = static_cast<unsigned char>(uncovered(disguised[0]));
     const char* end = bytes_ + size - disguised.size() + 1;
     size_t count = 0;
     for (const char* at = bytes_; at < end; ++at) {

@@ -19,6 +19,7 @@ namespace fs = std::filesystem;
 namespace testsupport {
 namespace {
 
+constexpr const char* kPrivateMariadb = TEMBRIX_SCRIPTS "/private-mariadb";
 constexpr auto kPatience = std::chrono::seconds(60);
 constexpr auto kPause = std::chrono::milliseconds(5);
 
@@ -70,8 +71,8 @@ std::string MariaDbServer::ask(const std::string& sql) {
     throw std::runtime_error(sql + ": " + mysql_error(control_));
   MYSQL_RES* result = mysql_store_result(control_);
   if (result == nullptr) return "";
-  const MYSQL_ROW row = mysql_fetch_row(result);
-  const std::string field = row != nullptr && row[0] != nullptr ? row[0] : "";
+  MYSQL_ROW row = mysql_fetch_row(result);
+  std::string field = row != nullptr && row[0] != nullptr ? row[0] : "";
   mysql_free_result(result);
   return field;
 }
@@ -88,16 +89,10 @@ std::string MariaDbServer::log() const {
 void MariaDbServer::start(const MariaDbOptions& options) {
   const std::string password_file = directory_ / "password";
   write_file(password_file, options.password + "\n", 0600);
-  std::vector<std::string> words = {TEMBRIX_SCRIPTS "/private-mariadb",
-                                    "run",
-                                    directory_ / "data",
-                                    "--socket",
-                                    socket_,
-                                    "--template",
-                                    TEMBRIX_MARIADB_TEMPLATE,
-                                    "--password-file",
-                                    password_file,
-                                    "--"};
+  std::vector<std::string> words = {
+      kPrivateMariadb, "run",        directory_ / "data",      "--socket",
+      socket_,         "--template", TEMBRIX_MARIADB_TEMPLATE, "--password-file",
+      password_file,   "--"};
   words.insert(words.end(), options.server_options.begin(), options.server_options.end());
   const pid_t parent = getpid();
   pid_ = fork();

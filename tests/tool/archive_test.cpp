@@ -50,9 +50,9 @@ using ExtractTo = Archive;
 using Execute = Archive;
 using ExecuteCommand = Archive;
 
-ArchiveDescriptor with_file(const ArchiveDescriptor& record, const std::string& path) {
+ArchiveDescriptor with_file(const ArchiveDescriptor& record, const char* path) {
   ArchiveDescriptor descriptor = record;
-  descriptor.file_name = path.c_str();
+  descriptor.file_name = path;
   return descriptor;
 }
 
@@ -190,7 +190,7 @@ TEST_F(ExtractTo, UnpacksEachType) {
     const std::string target = at(std::string("into-") + name);
     std::filesystem::create_directory(target);
     const std::string path = at(name);
-    const ArchiveDescriptor descriptor = with_file(*record, path);
+    const ArchiveDescriptor descriptor = with_file(*record, path.c_str());
     EXPECT_EQ(in_child([&] { _exit(extractTo(&descriptor, target.c_str()) == 0 ? 0 : 1); }),
               (Outcome{"", "", 0}));
     EXPECT_EQ(testsupport::read_file(target + "/httpdocs/index.html"), "text\n");
@@ -201,7 +201,7 @@ TEST_F(ExtractTo, OverwritesWithoutAsking) {
   make_archives();
   const std::string path = at("a.zip");
   write_file(at("into/httpdocs/index.html"), "earlier");
-  const ArchiveDescriptor descriptor = with_file(adc_zip, path);
+  const ArchiveDescriptor descriptor = with_file(adc_zip, path.c_str());
   EXPECT_EQ(extractTo(&descriptor, at("into").c_str()), 0);
   EXPECT_EQ(testsupport::read_file(at("into/httpdocs/index.html")), "text\n");
 }
