@@ -25,13 +25,18 @@ bool is_stripped(std::string_view text) {
                           kSpace.find(text.back()) == std::string_view::npos);
 }
 
-void check_strip_line(std::string line) {
-  const std::string before = line.c_str();
+/// The bytes up to the first NUL, where C strings end.
+std::string c_string(const std::string& bytes) {
+  return bytes.substr(0, bytes.find('\0'));
+}
+
+void check_strip_line(const std::string& before) {
+  std::string line = before;
   const size_t length = strip_line(line.data());
-  const std::string once = line.c_str();
+  const std::string once = c_string(line);
   check(length == once.size() && is_stripped(once));
   check(before.find(once) != std::string::npos);
-  check(strip_line(line.data()) == length && once == line.c_str());
+  check(strip_line(line.data()) == length && once == c_string(line));
 }
 
 /// Cuts off the text up to the first newline.
@@ -39,7 +44,7 @@ std::string next_line(std::string_view& rest) {
   const size_t end = rest.find('\n');
   const std::string line(rest.substr(0, end));
   rest = end == std::string_view::npos ? "" : rest.substr(end + 1);
-  return line.c_str();  // as C strings end, at the first NUL
+  return c_string(line);
 }
 
 Text find(std::string_view content, const std::string& section, const std::string& key) {
@@ -59,7 +64,7 @@ void check_found_again(const std::string& section, const std::string& key, const
 /// The first line is the section to look for, the second the key, the rest is the file.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string_view rest(reinterpret_cast<const char*>(data), size);
-  check_strip_line(std::string(rest));
+  check_strip_line(c_string(std::string(rest)));
   const std::string section = next_line(rest);
   const std::string key = next_line(rest);
   const Text value = find(rest, section, key);
