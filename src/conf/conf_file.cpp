@@ -39,9 +39,9 @@ char* skip_name(char* text) {
 }
 
 // Deliberate: in a run of white space every second character takes back what the one before it
-// marked, so a run of even length stays and one of odd length loses its last character alone. Files
-// written by the panel have one newline there, and values that were saved with trailing blanks must
-// read as they always did. Pinned by ConfReadFileR.CutsOneCharacterOfATrailingRunOfOddLength.
+// marked, so at the end of a value a run of even length stays, and one of odd length loses its last
+// character alone. A line that ends right behind its value has a run of one, the newline. Pinned by
+// ConfReadFileR.CutsOneCharacterOfATrailingRunOfOddLength.
 char* end_of_value(char* value) {
   char* marked = nullptr;
   char* position = value + 1;
@@ -55,8 +55,8 @@ char* end_of_value(char* value) {
 std::optional<Definition> definition_in(char* line) {
   char* name = skip_space(line);
   if (ends_text(*name)) return std::nullopt;
-  char* name_end = skip_name(name);
-  if (name_end == name || !is_space(*name_end)) {
+  char* name_end = skip_name(name);  // where it began, when the first character is no name's
+  if (!is_space(*name_end)) {
     frask_log(kConfWarning,
               "Invalid variable definition %s\nExpected a space after variable name\n", name);
     return std::nullopt;

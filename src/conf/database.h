@@ -69,7 +69,8 @@ FRASK_API MYSQL* db_connect(void);
  * @return at most 4095 bytes of the field in a static buffer; "" without a row or for an SQL NULL;
  *         NULL when the connection or the query fails, reported through messlog2(), not fatally, as
  *         "Unable to connect to the mysql database\n" or "Unable to query parameter by query
- *         <query>: <text>\n"
+ *         <query>: <text>\n". The client library's waiting may leave an errno (EAGAIN), and thus a
+ *         system error behind the latter.
  */
 FRASK_API const char* get_param_from_bigquery(const char* query, MYSQL* connection, int column);
 

@@ -79,8 +79,8 @@ const char* get_param(const char* name, MYSQL* connection) {
   return get_param_query(query.get(), connection);
 }
 
-// Deliberate: a setting is called a "domain parameter" and the database goes without its "the",
-// unlike above: the panel's log filters know both texts. Pinned by
+// Deliberate: the texts are this routine's own. The connect message goes without the "the" of the
+// one above, and a setting is called a "domain parameter". Pinned by
 // GetMailServerParam.HasMessagesOfItsOwn.
 const char* get_mail_server_param(const char* name, MYSQL* connection) {
   static char value[kValueSize];

@@ -20,6 +20,8 @@ using frask::conf::skip_space;
 
 namespace {
 
+/// No line with a password in it is longer than this.
+constexpr size_t kLongestLine = 65536;
 constexpr std::array<const char*, 3> kTrueWords{"on", "true", "yes"};
 
 /// Whether a stripped line is a section header; "[]" is not, it names nothing.
@@ -75,7 +77,7 @@ char* get_ini_conf_var(const char* path, const char* section, const char* key) {
     fprintf(stderr, "Failed to open %s: %s", path, strerror(errno));
     return nullptr;
   }
-  LineBuffer line(static_cast<size_t>(st.st_size) + 1);
+  LineBuffer line(std::min(static_cast<size_t>(st.st_size) + 1, kLongestLine));
   const char* value = find_value(file.stream(), line, section, key);
   return value != nullptr ? strdup(value) : nullptr;
 }

@@ -6,9 +6,9 @@
 
 namespace frask::conf {
 
-// Deliberate: with a facility in it the priority is above every terminal's level. A panel without a
-// configuration file is in order, and its tools' output, which callers parse, must not mention it.
-// Pinned by ConfReadFileR.IsSilentOnTheTerminal.
+// Deliberate: with a facility in it the priority is above every terminal's level. An installation
+// without a configuration file is in order, and what the tools print, which callers parse, does not
+// mention it. Pinned by ConfReadFileR.IsSilentOnTheTerminal.
 constexpr int kConfWarning = LOG_USER | LOG_WARNING;
 
 }  // namespace frask::conf

@@ -90,6 +90,16 @@ TEST(TheOxaConfTables, EndInNull) {
   EXPECT_EQ(sizeof theOxaConfDefauls / sizeof theOxaConfDefauls[0], 32U);
 }
 
+TEST(TheOxaConfTables, AreDocumented) {
+  const std::string page = testsupport::read_file(TEMBRIX_DOCS "/configuration.md");
+  for (const Variable& variable : kVariables) {
+    if (variable.index == OXA_CONF_MIN || variable.index == OXA_CONF_MAX) continue;
+    const std::string row = "| " + std::to_string(variable.index) + " | `" + variable.name +
+                            "` | `" + variable.fallback + "` |\n";
+    EXPECT_NE(page.find(row), std::string::npos) << row;
+  }
+}
+
 TEST(Autoprepend, LoadsTheProductConfiguration) {
   in_panel([] {
     write_file(kConfigurationFile, "HTTPD_VHOSTS_D /srv/www\nOWN_NAME x\n");
