@@ -21,6 +21,7 @@
 #define FRASK_EXEC_FORKEXEC_H
 
 #include <stdarg.h>
+#include <unistd.h>
 
 #include "log/api.h"
 
@@ -202,8 +203,10 @@ FRASK_API int popen_exec(const char* command);
  * stands in for the routine of this name in newer C libraries, with the same type.
  */
 #ifdef __cplusplus
+/* NOLINTNEXTLINE(readability-redundant-declaration): not every C library has one */
 FRASK_API void closefrom(int lowfd) noexcept;
 #else
+/* NOLINTNEXTLINE(readability-redundant-declaration) */
 FRASK_API void closefrom(int lowfd);
 #endif
 

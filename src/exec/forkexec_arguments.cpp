@@ -22,10 +22,10 @@ constexpr size_t kPathSize = 4096;
 class HeapVector {
  public:
   HeapVector(const char* first, va_list rest) : vector_(allocate(first, rest)) {
-    char** next = vector_.get();
-    for (const char* argument = first; argument != nullptr; argument = va_arg(rest, const char*))
-      *next++ = const_cast<char*>(argument);
-    *next = nullptr;
+    if (vector_ == nullptr)
+      messlog2(1, 1, "malloc() failed: %s", strerror(errno));
+    else
+      fill(first, rest);
   }
 
   char* const* get() const { return vector_.get(); }
@@ -42,9 +42,14 @@ class HeapVector {
     for (const char* argument = first; argument != nullptr; argument = va_arg(again, const char*))
       ++count;
     va_end(again);
-    auto* vector = static_cast<char**>(malloc(count * sizeof(char*)));
-    if (vector == nullptr) messlog2(1, 1, "malloc() failed: %s", strerror(errno));
-    return vector;
+    return static_cast<char**>(malloc(count * sizeof(char*)));
+  }
+
+  void fill(const char* first, va_list rest) {
+    char** next = vector_.get();
+    for (const char* argument = first; argument != nullptr; argument = va_arg(rest, const char*))
+      *next++ = const_cast<char*>(argument);
+    *next = nullptr;
   }
 
   std::unique_ptr<char*, Free> vector_;

@@ -10,7 +10,6 @@
 #include <string>
 #include <vector>
 
-// Behind <unistd.h>, which declares the C library's routine; exec_caller.c has the other order.
 #include "exec/exec_support.h"
 #include "exec/forkexec.h"
 #include "support/private_mounts.h"

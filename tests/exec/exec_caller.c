@@ -1,5 +1,4 @@
-/* Calls one routine, for tests that look at a process from outside. It is C11, and the header comes
- * before <unistd.h>, which declares a closefrom() of its own.
+/* Calls one routine, for tests that look at a process from outside. It is C11.
  *   exec_caller getout PROGRAM ...   captures and passes the text on
  *   exec_caller popen COMMAND        shows the result and the text of a shell command
  *   exec_caller wait                 waits for a child that exits with 0 */

@@ -159,8 +159,8 @@ void limit(int resource, rlim_t soft) {
 }
 
 void leave_descriptors(int count) {
-  const int highest = testsupport::open_descriptors().back();
-  limit(RLIMIT_NOFILE, static_cast<rlim_t>(highest + 1 + count));
+  const auto highest = static_cast<rlim_t>(testsupport::open_descriptors().back());
+  limit(RLIMIT_NOFILE, highest + 1 + static_cast<rlim_t>(count));
   int last = -1;
   for (int fd = dup(0); fd >= 0; fd = dup(0)) last = fd;
   for (int i = 0; i < count; ++i) close(last - i);

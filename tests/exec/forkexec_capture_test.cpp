@@ -126,7 +126,8 @@ void open_files(const ScratchDir& scratch) {
 }  // namespace
 
 TEST(ForkExecvGetout, CapturesEveryByte) {
-  for (const size_t length : {0, 1, 2047, 2048, 4095, 4096, 4097, 8191, 8192, 65536, 1000000}) {
+  for (const size_t length :
+       {0U, 1U, 2047U, 2048U, 4095U, 4096U, 4097U, 8191U, 8192U, 65536U, 1000000U}) {
     SCOPED_TRACE(length);
     const Argv argv({kProbe, "write", std::to_string(length), "0"});
     char* out = nullptr;

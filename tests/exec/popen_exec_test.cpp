@@ -33,7 +33,7 @@ char untouched[] = "untouched";
 
 TEST(PopenExecWithInput, WritesTheWholeInput) {
   const ScratchDir scratch;
-  for (const size_t length : {0, 1, 4096, 200000}) {
+  for (const size_t length : {0U, 1U, 4096U, 200000U}) {
     SCOPED_TRACE(length);
     const std::string input(length, 'x');
     EXPECT_EQ(popen_exec_with_input(("cat >" + (scratch / "copy")).c_str(), input.c_str()), 0);
@@ -96,7 +96,7 @@ TEST(PopenExecWithInput, FailsSilentlyWhenTheWaitFails) {
 }
 
 TEST(PopenExecGetoutput, CapturesEveryByte) {
-  for (const size_t length : {0, 1, 4095, 4096, 4097, 8191, 8192, 8193, 200000}) {
+  for (const size_t length : {0U, 1U, 4095U, 4096U, 4097U, 8191U, 8192U, 8193U, 200000U}) {
     SCOPED_TRACE(length);
     const std::string command = std::string(kProbe) + " write " + std::to_string(length) + " 0";
     char* out = nullptr;
