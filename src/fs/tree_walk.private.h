@@ -11,8 +11,9 @@ namespace frask {
 /// gone (ENOENT) is no failure.
 class TreeAction {
  public:
-  /// An entry that the directory lists as of `type` (a DT_ constant), and that nobody has looked
-  /// at. False, with nothing reported, when it must be looked at first, and so after any failure.
+  /// An entry as its directory lists it, of `type` (a DT_ constant). Most can be dealt with at
+  /// once, and looking at each of them first would cost half as much again. False, with nothing
+  /// reported, where that is not so or did not work: the entry is then looked at.
   virtual bool on_listed(int dir_fd, const char* name, unsigned char type) = 0;
   /// An entry that was looked at: it is of the type `mode`, and not a directory.
   virtual bool on_entry(int dir_fd, const char* name, mode_t mode) = 0;

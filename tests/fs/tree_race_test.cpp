@@ -8,6 +8,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <stdexcept>
+
 #include "fs/tree.h"
 #include "support/scratch.h"
 #include "support/stopped_child.h"
@@ -192,16 +194,12 @@ TEST(RmTree, NeverFollowsADirectoryThatBecomesALink) {
   }
 }
 
-/// Swaps "tree/sub" and "decoy", a link to "outside", until it is killed.
-[[noreturn]] void swap_for_ever(const std::filesystem::path& directory) {
-  if (chdir(directory.c_str()) != 0) _exit(97);
-  while (true) renameat2(AT_FDCWD, "tree/sub", AT_FDCWD, "decoy", RENAME_EXCHANGE);
-}
-
+/// Swaps "tree/sub" and "decoy", a link to "outside", whenever it runs, and then without a pause.
 class Swapper {
  public:
   explicit Swapper(const std::filesystem::path& directory) : pid_(fork()) {
     if (pid_ == 0) swap_for_ever(directory);
+    stop();
   }
   ~Swapper() {
     kill(pid_, SIGKILL);
@@ -210,7 +208,20 @@ class Swapper {
   Swapper(const Swapper&) = delete;
   Swapper& operator=(const Swapper&) = delete;
 
+  void run() const { kill(pid_, SIGCONT); }
+  void stop() const {
+    int status = 0;
+    kill(pid_, SIGSTOP);
+    if (waitpid(pid_, &status, WUNTRACED) != pid_ || !WIFSTOPPED(status))
+      throw std::runtime_error("the swapping process does not stop");
+  }
+
  private:
+  [[noreturn]] static void swap_for_ever(const std::filesystem::path& directory) {
+    if (chdir(directory.c_str()) != 0) _exit(97);
+    while (true) renameat2(AT_FDCWD, "tree/sub", AT_FDCWD, "decoy", RENAME_EXCHANGE);
+  }
+
   pid_t pid_;
 };
 
@@ -223,7 +234,23 @@ class SwappedTree {
     outside_ = tree_listing(scratch_ / "outside");
   }
 
-  void rebuild() {
+  /// Runs `walk` on the tree again and again while a process swaps. The walk's own result does not
+  /// matter: it may well meet a link where a directory was.
+  void expect_outside_unharmed_by(const std::function<void(const char*)>& walk) const {
+    constexpr int kRounds = 100;
+    const Swapper swapper(scratch_.path());
+    for (int round = 0; round < kRounds; ++round) {
+      rebuild();
+      swapper.run();
+      testsupport::in_child([&] { walk((scratch_ / "tree").c_str()); });
+      swapper.stop();
+      ASSERT_EQ(tree_listing(scratch_ / "outside"), outside_) << "round " << round;
+      ASSERT_EQ(testsupport::mode_of(scratch_ / "outside"), 0755U) << "round " << round;
+    }
+  }
+
+ private:
+  void rebuild() const {
     std::filesystem::remove_all(scratch_ / "decoy");
     std::filesystem::remove_all(scratch_ / "tree");
     for (const char* name : {"tree/sub/file", "tree/sub/sub/file", "tree/other/file"})
@@ -231,31 +258,17 @@ class SwappedTree {
     std::filesystem::create_symlink("outside", scratch_ / "decoy");
   }
 
-  /// Runs `walk` on the tree again and again while a process swaps. The walk's own result does not
-  /// matter: it may well meet a link where a directory was.
-  void expect_outside_unharmed_by(const std::function<void(const char*)>& walk) {
-    constexpr int kRounds = 200;
-    for (int round = 0; round < kRounds; ++round) {
-      rebuild();
-      const Swapper swapper(scratch_.path());
-      testsupport::in_child([&] { walk((scratch_ / "tree").c_str()); });
-      ASSERT_EQ(tree_listing(scratch_ / "outside"), outside_) << "round " << round;
-      ASSERT_EQ(testsupport::mode_of(scratch_ / "outside"), 0755U) << "round " << round;
-    }
-  }
-
- private:
   ScratchDir scratch_{testsupport::memory_directory()};
   Lines outside_;
 };
 
 TEST(RmTreeAux, HarmsNothingOutsideUnderConstantSwapping) {
-  SwappedTree tree;
+  const SwappedTree tree;
   tree.expect_outside_unharmed_by([](const char* path) { rm_tree_aux(path, 1, 0); });
 }
 
 TEST(TreeSetPerms, HarmsNothingOutsideUnderConstantSwapping) {
-  SwappedTree tree;
+  const SwappedTree tree;
   tree.expect_outside_unharmed_by(
       [](const char* path) { tree_set_perms(path, 7, 8, 0600, 0700, 1); });
 }

@@ -16,6 +16,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <stdexcept>
 
 #include "fs/tree.h"
@@ -27,6 +28,7 @@ namespace fstest {
 namespace {
 
 constexpr long kFchmodat2 = 452;
+constexpr unsigned kAllDescriptors = ~0U;
 
 void require(bool done, const std::string& what) {
   if (!done) throw std::runtime_error(what + ": " + strerror(errno));
@@ -119,8 +121,10 @@ void forget_fchmodat2() {
 void limit_descriptors(unsigned most) {
   rlimit limit = {};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(97);
-  limit.rlim_cur = most;
+  limit.rlim_cur = std::min(rlim_t{most}, limit.rlim_max);
   if (setrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(97);
+  // At the end of the process a search for leaks opens files.
+  if (most != kAllDescriptors) atexit([] { limit_descriptors(kAllDescriptors); });
 }
 
 void allow_descriptors(int more) {
@@ -142,7 +146,8 @@ testsupport::Outcome run_traced(const std::vector<std::string>& strace_options,
   arguments.insert(arguments.end(), {TREE_CALLS_PROGRAM, routine, path});
   testsupport::RunOptions options;
   // Leaks cannot be looked for under a tracer; and memory is to be used again, as without checks.
-  options.environment["ASAN_OPTIONS"] = "detect_leaks=0:quarantine_size_mb=0";
+  options.environment["ASAN_OPTIONS"] =
+      "detect_leaks=0:quarantine_size_mb=0:thread_local_quarantine_size_kb=0";
   options.directory = directory;
   return testsupport::run(arguments, options);
 }
