@@ -310,7 +310,7 @@ TEST(RmTreeAux, RemovesAllTheSameWhenItCannotGoBackOrClose) {
     write_file(scratch / "top/sub/file", "");
     write_file(scratch / "other", "");
     std::string inject = std::string("inject=") + row.injected;
-    inject.insert(std::min(inject.find(":"), inject.size()), ":error=EIO");
+    inject.insert(std::min(inject.find(':'), inject.size()), ":error=EIO");
     const auto of = std::filesystem::canonical(scratch.path() / row.of);
     EXPECT_EQ(fstest::run_traced({"-o", "/dev/null", "-P", of, "-e", inject}, "remove", "top",
                                  scratch.path()),
