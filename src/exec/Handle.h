@@ -34,15 +34,14 @@ class FRASK_API Handle {
 
   Handle(const Handle& other) noexcept : object_(other.object_), count_(other.count_) { ++*count_; }
 
-  Handle& operator=(const Handle& other) noexcept {
-    Handle copy(other);
-    std::swap(object_, copy.object_);
-    std::swap(count_, copy.count_);
+  Handle& operator=(Handle other) noexcept {
+    std::swap(object_, other.object_);
+    std::swap(count_, other.count_);
     return *this;
   }
 
   ~Handle() {
-    if (--*count_ != 0) return;
+    if (--*count_ != 0) return;  // NOLINT(clang-analyzer-cplusplus.NewDelete): it loses the count
     delete object_;
     delete count_;
   }
