@@ -34,10 +34,9 @@ class FRASK_API Handle {
 
   Handle(const Handle& other) noexcept : object_(other.object_), count_(other.count_) { ++*count_; }
 
-  Handle& operator=(const Handle& other) noexcept {
-    Handle copy(other);
-    std::swap(object_, copy.object_);
-    std::swap(count_, copy.count_);
+  Handle& operator=(Handle other) noexcept {
+    std::swap(object_, other.object_);
+    std::swap(count_, other.count_);
     return *this;
   }
 

@@ -27,8 +27,10 @@ void execGetOutput(std::string* out, int* status, const TExecsList& line) {
   const Handle<TExec::TPrepare> owner(capture);
   TExecsList captured(line);
   captured += owner;
-  *status = 0;
-  if (captured.empty()) return;
+  if (captured.empty()) {
+    *status = 0;
+    return;
+  }
   Unwaited processes(captured.size());
   const TSLProcess last = executeInOrder(captured, processes);
   processes.note(captured.back(), last);

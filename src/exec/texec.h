@@ -324,22 +324,22 @@ FRASK_API TExec& operator+=(TExec& command, const Handle<TExec::TPrepare>& prepa
 FRASK_API TExecsList& operator+=(TExecsList& line, const Handle<TExec::TPrepare>& preparation);
 
 /** Adds a redirection of any descriptor; to the last command of a line. */
-FRASK_API TExec operator&(TExec command, const TRedirect& redirect);
-FRASK_API TExec operator&(TExec command, const TRedirectToFile& redirect);
-FRASK_API TExecsList operator&(TExecsList line, const TRedirect& redirect);
-FRASK_API TExecsList operator&(TExecsList line, const TRedirectToFile& redirect);
+FRASK_API TExec operator&(const TExec& command, const TRedirect& redirect);
+FRASK_API TExec operator&(const TExec& command, const TRedirectToFile& redirect);
+FRASK_API TExecsList operator&(const TExecsList& line, const TRedirect& redirect);
+FRASK_API TExecsList operator&(const TExecsList& line, const TRedirectToFile& redirect);
 
 /** Standard input: << is the text itself, < the path of a file. Of a line, the LAST command's. */
-FRASK_API TExec operator<<(TExec command, const std::string& text);
-FRASK_API TExec operator<(TExec command, const std::string& path);
-FRASK_API TExecsList operator<<(TExecsList line, const std::string& text);
-FRASK_API TExecsList operator<(TExecsList line, const std::string& path);
+FRASK_API TExec operator<<(const TExec& command, const std::string& text);
+FRASK_API TExec operator<(const TExec& command, const std::string& path);
+FRASK_API TExecsList operator<<(const TExecsList& line, const std::string& text);
+FRASK_API TExecsList operator<(const TExecsList& line, const std::string& path);
 
 /** Standard output to a file: > truncates it, >> appends. Of a line, the last command's. */
-FRASK_API TExec operator>(TExec command, const std::string& path);
-FRASK_API TExec operator>>(TExec command, const std::string& path);
-FRASK_API TExecsList operator>(TExecsList line, const std::string& path);
-FRASK_API TExecsList operator>>(TExecsList line, const std::string& path);
+FRASK_API TExec operator>(const TExec& command, const std::string& path);
+FRASK_API TExec operator>>(const TExec& command, const std::string& path);
+FRASK_API TExecsList operator>(const TExecsList& line, const std::string& path);
+FRASK_API TExecsList operator>>(const TExecsList& line, const std::string& path);
 
 /**
  * A pipe from the last command on the left to the first on the right. With an empty line on one

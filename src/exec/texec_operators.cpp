@@ -63,53 +63,53 @@ TExecsList& operator+=(TExecsList& line, const Preparation& preparation) {
   return line;
 }
 
-TExec operator&(TExec command, const TRedirect& redirect) {
+TExec operator&(const TExec& command, const TRedirect& redirect) {
   return with(command, redirect);
 }
 
-TExec operator&(TExec command, const TRedirectToFile& redirect) {
+TExec operator&(const TExec& command, const TRedirectToFile& redirect) {
   return with(command, redirect);
 }
 
-TExecsList operator&(TExecsList line, const TRedirect& redirect) {
+TExecsList operator&(const TExecsList& line, const TRedirect& redirect) {
   return with(line, redirect);
 }
 
-TExecsList operator&(TExecsList line, const TRedirectToFile& redirect) {
+TExecsList operator&(const TExecsList& line, const TRedirectToFile& redirect) {
   return with(line, redirect);
 }
 
-TExec operator<<(TExec command, const std::string& text) {
+TExec operator<<(const TExec& command, const std::string& text) {
   return with(command, TReadFromStr(text));
 }
 
-TExec operator<(TExec command, const std::string& path) {
+TExec operator<(const TExec& command, const std::string& path) {
   return with(command, TFromFile(path));
 }
 
 // Deliberate: input, too, goes to the last command of a line, not to the first. Pinned by
 // TExecsListOperators.LetInputLandOnTheLastCommand.
-TExecsList operator<<(TExecsList line, const std::string& text) {
+TExecsList operator<<(const TExecsList& line, const std::string& text) {
   return with(line, TReadFromStr(text));
 }
 
-TExecsList operator<(TExecsList line, const std::string& path) {
+TExecsList operator<(const TExecsList& line, const std::string& path) {
   return with(line, TFromFile(path));
 }
 
-TExec operator>(TExec command, const std::string& path) {
+TExec operator>(const TExec& command, const std::string& path) {
   return with(command, TToFile(path, false));
 }
 
-TExec operator>>(TExec command, const std::string& path) {
+TExec operator>>(const TExec& command, const std::string& path) {
   return with(command, TToFile(path, true));
 }
 
-TExecsList operator>(TExecsList line, const std::string& path) {
+TExecsList operator>(const TExecsList& line, const std::string& path) {
   return with(line, TToFile(path, false));
 }
 
-TExecsList operator>>(TExecsList line, const std::string& path) {
+TExecsList operator>>(const TExecsList& line, const std::string& path) {
   return with(line, TToFile(path, true));
 }
 

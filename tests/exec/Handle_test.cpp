@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <vector>
+
 using frask::Handle;
 
 namespace {
@@ -55,10 +57,10 @@ TEST(Handle, SharesObjectAndCountWithItsCopies) {
   const Handle<int> first(new int(7));
   EXPECT_EQ(first.count(), 1U);
   {
-    const Handle<int> second(first);
-    EXPECT_EQ(second.get(), first.get());
-    EXPECT_EQ(first.count(), 2U);
-    EXPECT_EQ(second.count(), 2U);
+    const std::vector<Handle<int>> copies(2, first);
+    EXPECT_EQ(copies[0].get(), first.get());
+    EXPECT_EQ(first.count(), 3U);
+    EXPECT_EQ(copies[1].count(), 3U);
   }
   EXPECT_EQ(first.count(), 1U);
 }
@@ -66,12 +68,9 @@ TEST(Handle, SharesObjectAndCountWithItsCopies) {
 TEST(Handle, DeletesTheObjectWithItsLastOwnerAndOnlyOnce) {
   int destroyed = 0;
   {
-    const Handle<Watched> first(new Watched(&destroyed));
-    {
-      const Handle<Watched> second(first);
-      const Handle<Watched> third(second);
-    }
-    EXPECT_EQ(destroyed, 0) << "the first owner is left";
+    std::vector<Handle<Watched>> owners(3, Handle<Watched>(new Watched(&destroyed)));
+    owners.erase(owners.begin(), owners.begin() + 2);
+    EXPECT_EQ(destroyed, 0) << "one owner is left";
   }
   EXPECT_EQ(destroyed, 1);
 }

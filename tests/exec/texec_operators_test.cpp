@@ -230,18 +230,20 @@ TEST(PipelineOperator, PutsOnePipeBetweenTheTwoCommandsThatMeet) {
 
 TEST(PipelineOperator, MakesANewPipeEachTime) {
   const TExec a = command({"a"});
-  const TExecsList first = a | a;
-  const TExecsList second = a | a;
+  const TExec b = command({"b"});
+  const TExecsList first = a | b;
+  const TExecsList second = a | b;
   EXPECT_NE(&only<TWriteToPipeline>(*first.begin())->pipe(),
             &only<TWriteToPipeline>(*second.begin())->pipe());
 }
 
 TEST(Pipeline, ClearsTheWaitOfASingleCommandBeforeALineOnly) {
   const TExec a = command({"a"});
+  const TExec b = command({"b"});
   const TExecsList one(a);
-  EXPECT_EQ(modes(a | a), (Modes{7, 7}));
+  EXPECT_EQ(modes(a | b), (Modes{7, 7}));
   EXPECT_EQ(modes(one | a), (Modes{7, 7}));
-  EXPECT_EQ(modes(one | one), (Modes{7, 7}));
+  EXPECT_EQ(modes(one | TExecsList(b)), (Modes{7, 7}));
   EXPECT_EQ(modes(a | one), (Modes{5, 7}));
   EXPECT_EQ(modes((a * fork_mode) | one), (Modes{1, 7})) << "bits are kept, never added";
   EXPECT_EQ(modes((a * wait_mode) | one), (Modes{0, 7}));
@@ -270,7 +272,7 @@ TEST(Pipeline, HasNoPipeToAnEmptyLine) {
     EXPECT_FALSE(line.begin()->preparation());
   }
   EXPECT_EQ(modes(a | none), (Modes{5}));
-  EXPECT_TRUE((none | none).empty());
+  EXPECT_TRUE((none | TExecsList()).empty());
 }
 
 TEST(Pipeline, PassesDataThroughEveryPairing) {
