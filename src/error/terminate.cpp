@@ -8,7 +8,7 @@
 namespace frask {
 
 void terminateByExceptionUnsafe() {
-  thread_local bool entered = false;
+  static bool entered = false;
   if (entered) abort();
   entered = true;
   try {

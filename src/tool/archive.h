@@ -51,8 +51,9 @@ FRASK_API int testSupport(const ArchiveDescriptor* descriptor);
  * allocated (anything else, a failed query included). The limit is 2147483648 bytes.
  *
  * @return 0 good; 1 too large, reported; 2 the archive tool refused it or its command does not fit
- *         into 4096 bytes, reported, or there is no command. The process ends with status 1 when the database cannot be
- *         reached or the file cannot be examined. The database connection is left to process exit.
+ *         into 4096 bytes, reported, or there is no command. The process ends with status 1 when
+ * the database cannot be reached or the file cannot be examined. The database connection is left to
+ * process exit.
  */
 FRASK_API int testIntegrity(const ArchiveDescriptor* descriptor);
 
