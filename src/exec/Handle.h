@@ -41,7 +41,7 @@ class FRASK_API Handle {
   }
 
   ~Handle() {
-    if (--*count_ == 0) destroy();
+    if (--*count_ == 0) destroy();  // NOLINT(clang-analyzer-cplusplus.NewDelete): it loses count
   }
 
   /** The object, or null. */

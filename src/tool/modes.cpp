@@ -41,8 +41,9 @@ void require_file_name(const Options& options) {
 }
 
 void require_client_id(const Options& options) {
-  if (options.client_id == nullptr) messlog2(1, 1, "Error: parameter 'id' wasn't specified");
-  if (!is_client_id(options.client_id))
+  if (options.client_id == nullptr)
+    messlog2(1, 1, "Error: parameter 'id' wasn't specified");
+  else if (!is_client_id(options.client_id))
     messlog2(1, 1, "Error: parameter 'id' is not a valid client id");
 }
 

@@ -68,6 +68,10 @@ void* operator new(size_t size) {
   return block;
 }
 
+void* operator new(size_t size, const std::nothrow_t& /*tag*/) noexcept {
+  return malloc(size);
+}
+
 void operator delete(void* block) noexcept {
   free(block);
 }
