@@ -5,6 +5,7 @@
 
 #include <utility>
 
+#include "exec/forkexec.h"
 #include "exec/keep_errno.private.h"
 #include "exec/pipe.private.h"
 #include "exec/texec.h"
@@ -152,6 +153,9 @@ void TReadFromStr::action_of_p(int read_end, int write_end) const {
 // otherwise be written by this process, too, and some of it into the pipe.
 void TReadFromStr::action_of_d(int read_end, int write_end) const {
   keepEnd(write_end, read_end, STDOUT_FILENO);
+  // It executes nothing, so nothing else closes the pipes of its line: a reader that ends early
+  // could not be noticed by the program that this process feeds.
+  closefrom(STDERR_FILENO + 1);
   if (FILE* stream = ::fdopen(STDOUT_FILENO, "w")) {
     fwrite(text_.data(), 1, text_.size(), stream);
     fflush(stream);

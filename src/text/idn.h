@@ -49,7 +49,7 @@ FRASK_API char* idn_toutf8(const char* domain);
  * Converts the host of a URL to ASCII and leaves the rest as it is.
  *
  * A URL is an optional "ftp://", "http://" or "https://" in small letters, optionally a user part
- * up to the last "@" of the whole URL, a host up to the first "/" or ":", and the rest.
+ * up to the first "@" behind that, a host up to the first "/" or ":", and the rest.
  *
  * @param url  UTF-8; not an earlier result, which is overwritten
  * @return a static buffer that the next call overwrites. A result of more than 4095 bytes is cut.

@@ -210,6 +210,19 @@ TEST(ExecGetOutput, RepeatsAnInterruptedWait) {
   EXPECT_EQ(outcome.exit_code(), 30) << outcome;
 }
 
+TEST(ExecGetOutput, EndsWithAnEarlyReaderOfAProgramThatIsFedAText) {
+  const Outcome outcome = testsupport::in_child([] {
+    alarm(60);  // the program would write into a pipe that nobody reads, for ever
+    const std::string text(size_t{4} << 20U, 'x');
+    std::string out;
+    int status = 0;
+    frask::sys::execGetOutput(
+        &out, &status, ((command({"cat"}) ^ kWait) << text) | (command({"head", "-c1"}) ^ kWait));
+    printf("%zu", out.size());
+  });
+  EXPECT_EQ(outcome.out, "1") << outcome;
+}
+
 // Run by the test after it, under a tracer that makes the wait fail.
 TEST(ExecGetOutput, DISABLED_FailsToWait) {
   try {
