@@ -17,6 +17,8 @@ endif()
 if(TEMBRIX_COVERAGE)
   target_compile_options(tembrix_options INTERFACE --coverage -fprofile-update=atomic)
   target_link_options(tembrix_options INTERFACE --coverage)
+  target_sources(tembrix_options INTERFACE
+    $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:${CMAKE_CURRENT_LIST_DIR}/coverage.c>)
 endif()
 if(TEMBRIX_FUZZ)
   target_compile_options(tembrix_options INTERFACE -fsanitize=fuzzer-no-link,address,undefined

@@ -1,0 +1,119 @@
+#!/bin/sh
+# One check of an installation, made with what a program outside this tree has: the prefix alone.
+#   installed.sh CHECK PREFIX   with CC, CXX and CMAKE in the environment
+set -eu
+here=$(cd "$(dirname "$0")" && pwd)
+prefix=$2
+export PKG_CONFIG_PATH="$prefix/lib/pkgconfig"
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cd "$work"
+
+fail() {
+  echo "installed: $1" >&2
+  exit 1
+}
+
+# headers [LANGUAGE]: the listed ones, or those of one language.
+headers() { sed -n "s/^\([^# ][^ ]*\) ${1:-C.*}\$/\1/p" "$here/headers.txt"; }
+includes() { headers "$@" | sed 's/.*/#include <&>/'; }
+strict="-pedantic -Wall -Wextra -Werror"
+
+public_headers() {
+  headers | sort >expected
+  (cd "$prefix/include/frask" && find . -type f | sed 's|^\./||' | sort) >installed
+  diff -u expected installed || fail "the installed headers are not those of headers.txt"
+}
+
+headers_alone() {
+  flags=$(pkg-config --cflags frask)
+  for header in $(headers C); do
+    printf '#include <%s>\nint unused;\n' "$header" | $CC -std=c11 $strict $flags -fsyntax-only -x c - || fail "$header as C11"
+  done
+  for header in $(headers); do
+    printf '#include <%s>\nint unused;\n' "$header" | $CXX -std=c++17 $strict $flags -fsyntax-only -x c++ - ||
+      fail "$header as C++17"
+  done
+}
+
+# needed FILE: the libraries that a program or library asks the loader for.
+needed() { readelf -d "$1" | sed -n 's/.*(NEEDED).*\[\(.*\)\]$/\1/p'; }
+needs() { needed "$1" | grep -q "^$2"; }
+
+c_program() {
+  cp "$here/use_c.c" .
+  includes C >c_headers.h
+  $CC -std=c11 $strict -I. use_c.c -o use_c "$@"
+}
+
+c_shared() {
+  c_program $(pkg-config --cflags --libs frask)
+  needs use_c libfrask.so.9 || fail "the program was not linked with the shared library"
+  LD_LIBRARY_PATH=$prefix/lib ./use_c
+}
+
+c_static() {
+  # The shared library lies beside the static one, and -l would take it.
+  c_program $(pkg-config --static --cflags --libs frask | sed 's/-lfrask/-l:libfrask.a/')
+  ! needs use_c libfrask || fail "the program was linked with the shared library"
+  ./use_c
+}
+
+cxx_shared() {
+  cp "$here/consumer/use_cxx.cpp" .
+  includes >all_headers.h
+  $CXX -std=c++17 $strict -I. use_cxx.cpp -o use_cxx $(pkg-config --cflags --libs frask)
+  LD_LIBRARY_PATH=$prefix/lib ./use_cxx
+}
+
+cmake_project() {
+  cp -r "$here/consumer" project
+  includes >project/all_headers.h
+  "$CMAKE" -S project -B build -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_COMPILER="$CXX" >log 2>&1 &&
+    "$CMAKE" --build build >>log 2>&1 || { cat log; fail "the project does not build"; }
+  needs build/use_shared libfrask.so.9 || fail "use_shared was not linked with the shared library"
+  ! needs build/use_static libfrask || fail "use_static was linked with the shared library"
+  build/use_shared
+  build/use_static
+}
+
+cmake_versions() {
+  for wanted in 9 9.0 9.0.0; do
+    asks_for "$wanted" || fail "version $wanted is refused"
+  done
+  for wanted in 8 9.1 10; do
+    ! asks_for "$wanted" || fail "version $wanted is offered"
+  done
+}
+
+asks_for() { # VERSION
+  rm -rf asking && mkdir asking
+  printf '%s\n' 'cmake_minimum_required(VERSION 3.23)' 'project(asking LANGUAGES CXX)' \
+    "find_package(frask $1 REQUIRED CONFIG)" >asking/CMakeLists.txt
+  "$CMAKE" -S asking -B asking/build -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_COMPILER="$CXX" >log 2>&1
+}
+
+tool_needs() {
+  tool=$prefix/sbin/tembrix
+  [ "$(stat -c %a "$tool")" = 755 ] || fail "the tool is not mode 755"
+  needed "$tool" >libraries
+  grep -q '^libc\.so' libraries || fail "this is no dynamic program: $(cat libraries)"
+  ! grep -E 'libxml2|libfrask' libraries || fail "the tool needs what it must not"
+  ! readelf -d "$tool" | grep -E 'R(UN)?PATH' || fail "the tool looks for libraries in a fixed place"
+}
+
+versioned_library() {
+  lib=$prefix/lib
+  readelf -d "$lib/libfrask.so" | grep -q 'SONAME.*\[libfrask\.so\.9\]$' || fail "the soname is another"
+  [ "$(readlink "$lib/libfrask.so")" = libfrask.so.9 ] || fail "libfrask.so leads elsewhere"
+  [ -f "$lib/libfrask.so.9" ] && [ -f "$lib/libfrask.a" ] || fail "a library is missing"
+  ! readelf -d "$lib/libfrask.so" | grep -E 'R(UN)?PATH' || fail "the library has a fixed path"
+}
+
+exported_symbols() {
+  nm -D --defined-only --demangle "$prefix/lib/libfrask.so" | cut -d ' ' -f 3- | LC_ALL=C sort -u >exported
+  LC_ALL=C sort -u "$here/exported-symbols.txt" | diff -u - exported ||
+    fail "what is exported is not exported-symbols.txt"
+}
+
+$1
