@@ -3,7 +3,9 @@
  * another program writes its counters first, and what hinders it from writing them goes
  * unmentioned: children without rights or descriptors are under test for what they say.
  */
+#ifndef _GNU_SOURCE
 #define _GNU_SOURCE
+#endif
 #include <gcov.h>
 #include <stdatomic.h>
 #include <stdio.h>
