@@ -359,8 +359,10 @@ FRASK_API TExecsList operator,(const TExecsList&left, const TExecsList&right);
 
 /**
  * Executes the line and then reads what its last command writes to standard output, until the end
- * of data or an error in reading, an interruption included. Returns when every process of the line
- * has ended or, stopped, has been left to a later execute() to collect.
+ * of data or an error in reading, an interruption included: `out` gets nothing of what is written
+ * afterwards. That is read all the same and thrown away, so that the line ends as it would have;
+ * only where reading goes on failing is the pipe closed, and the writer gets SIGPIPE. Returns when
+ * every process of the line has ended or, stopped, has been left to a later execute() to collect.
  *
  * A capture is a preparation that lets failures of fork and exec be thrown, added behind those of
  * the command, so no preparation can keep them quiet.
