@@ -254,6 +254,8 @@ class FRASK_API TReadFromPipeline : public TExec::TPrepare {
  public:
   explicit TReadFromPipeline(const Handle<TPipe>& pipe) noexcept : pipe_(pipe) {}
   const TPipe& pipe() const noexcept { return *pipe_; }
+  /** Closes both ends: what a line does for a reader that is not started. */
+  void close_pipe() noexcept;
   void aft_fork4p(TExec& command) override;
   void aft_fork4d(TExec& command) override;
 
@@ -261,7 +263,11 @@ class FRASK_API TReadFromPipeline : public TExec::TPrepare {
   Handle<TPipe> pipe_;
 };
 
-/** Feeds a text as standard input, from a process that the child forks for it. */
+/**
+ * Feeds a text as standard input, from a process that the child forks for it. That process is the
+ * program's child, and init's once the program has ended. Should it be unable to write the text to
+ * a program that still reads, it kills the program with SIGKILL.
+ */
 class FRASK_API TReadFromStr : public TExec::TPrepare {
  public:
   explicit TReadFromStr(const std::string& text);
@@ -270,8 +276,10 @@ class FRASK_API TReadFromStr : public TExec::TPrepare {
   /** The reading side: the read end becomes standard input, both ends are closed. */
   void action_of_p(int read_end, int write_end) const;
   /**
-   * The writing side: the write end becomes standard output, the text is written and the process
-   * ends with status 0, without the caller's exit handlers and unwritten output.
+   * The writing side: the write end becomes standard output, every other descriptor but standard
+   * input and error is closed, the text is written and the process ends, without the caller's exit
+   * handlers and unwritten output. Its status is 0, or 1 when writing failed for another reason
+   * than a reader that is gone.
    */
   [[noreturn]] void action_of_d(int read_end, int write_end) const;
 
