@@ -11,7 +11,8 @@
  * THE CHILD, which is then a second process in the caller's code: a caller who catches exceptions
  * around execute() ends that process there.
  *
- * Objects and their copies share preparations through plain counts and stay in one thread.
+ * Objects and their copies share preparations through plain counts and stay in one thread; threads
+ * may use objects of their own side by side.
  */
 #ifndef FRASK_EXEC_TEXEC_H
 #define FRASK_EXEC_TEXEC_H
@@ -34,7 +35,11 @@ inline constexpr std::bitset<3> wait_mode{2};
 /** Search the program as execvp(3) does. */
 inline constexpr std::bitset<3> path_mode{4};
 
-/** The empty vector from which callers build theirs. Static initialisers may use it. */
+/**
+ * The empty vector from which callers build theirs. Static initialisers may use it. It is one
+ * object for all threads, and to copy it counts its sharers by a plain count: threads that run side
+ * by side begin with a TEArgs() of their own instead.
+ */
 extern FRASK_API const TEArgs el;
 
 /** What execute() tells of the process that it started. */
@@ -135,6 +140,9 @@ class FRASK_API TExecsList {
    * wait for commands without wait_mode: the last one is the caller's to wait for; earlier ones,
    * whose numbers nobody learns, are collected when they have ended, at the latest by a later
    * execute().
+   *
+   * Should a command throw, later ones are not started, and the pipes that then have no reader are
+   * closed, so that their writers get SIGPIPE.
    */
   TSLProcess execute();
 
