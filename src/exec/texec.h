@@ -65,7 +65,12 @@ class FRASK_API TExec {
     virtual ~TPrepare();
 
     virtual void bef_fork(TExec& command);
-    /** errno tells why. @return true: the failure is thrown; false: execute() gives pid -1 */
+    /**
+     * errno tells why.
+     *
+     * @return true: the failure is thrown; false: execute() gives pid -1, and a line goes on with
+     *         its next command as if this one had ended at once, without reading or writing
+     */
     virtual bool fork_failed(TExec& command);
     /** After the fork, in the parent. */
     virtual void aft_fork4p(TExec& command);
@@ -73,7 +78,14 @@ class FRASK_API TExec {
     virtual void aft_fork4d(TExec& command);
     /** In the child; without fork_mode in the calling process. */
     virtual void bef_exec(TExec& command);
-    /** In the same process; errno tells why. @return as fork_failed() */
+    /**
+     * In the same process; errno tells why.
+     *
+     * @return true: the failure is thrown; false: execute() gives pid -1. With fork_mode that is in
+     *         the child, which then goes on with the caller's code, and first with the rest of the
+     *         line: every later command is started twice, by the child with that child's
+     *         descriptors, and by the parent. In a line call _exit() instead of returning false.
+     */
     virtual bool exec_failed(TExec& command);
   };
 
