@@ -2,6 +2,7 @@
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <atomic>
 #include <new>
 #include <utility>
 
@@ -17,28 +18,58 @@ struct Abandoned {
   Abandoned* next;
 };
 
-/// Of this thread, as the objects are that started them. A container would have a destructor, and
-/// registering that ends the process when memory is exhausted.
-thread_local Abandoned* abandoned = nullptr;
+/// Of all threads, since a thread may end before its children do. Entries are added one by one and
+/// taken all at once, which needs no lock that a fork could find held.
+std::atomic<Abandoned*> abandoned{nullptr};
 
-/// Also when the caller has collected it with a wait() for any child.
+void add(Abandoned* entry) noexcept {
+  entry->next = abandoned.load();
+  while (!abandoned.compare_exchange_weak(entry->next, entry)) {
+  }
+}
+
+/// Also when it is no child of this process: the caller has collected it with a wait() for any, or
+/// this is a forked copy of the process. Its number may soon be that of another child.
 bool hasGone(int pid) noexcept {
   return ::waitpid(pid, nullptr, WNOHANG) != 0;
+}
+
+/// Closes the pipes out of which a preparation has its command read.
+void closeInput(TExec::TPrepare* preparation) noexcept {
+  if (auto* const both = dynamic_cast<TUnionPrep*>(preparation)) {
+    closeInput(both->first().get());
+    closeInput(both->second().get());
+  } else if (auto* const reader = dynamic_cast<TReadFromPipeline*>(preparation)) {
+    reader->close_pipe();
+  }
+}
+
+/// Without a reader, the writer of a pipe is to get SIGPIPE and not to wait until the line is
+/// destroyed.
+void closeInput(const TExec& command) noexcept {
+  closeInput(command.preparation().get());
+}
+
+TSLProcess executeOne(TExec& command) {
+  const TSLProcess process = command.execute();
+  if (process.pid == -1) closeInput(command);
+  return process;
 }
 
 }  // namespace
 
 void abandon(int pid) noexcept {
-  if (auto* entry = new (std::nothrow) Abandoned{pid, abandoned}) abandoned = entry;
+  if (auto* const entry = new (std::nothrow) Abandoned{pid, nullptr}) add(entry);
 }
 
 void collectAbandoned() noexcept {
   const KeepErrno keep;
-  for (Abandoned** at = &abandoned; *at != nullptr;) {
-    if (hasGone((*at)->pid))
-      delete std::exchange(*at, (*at)->next);
+  for (Abandoned* entry = abandoned.exchange(nullptr); entry != nullptr;) {
+    Abandoned* const current = std::exchange(entry, entry->next);
+    if (hasGone(current->pid))
+      delete current;
     else
-      at = &(*at)->next;
+      add(current);
   }
 }
 
@@ -76,10 +107,15 @@ void Unwaited::settleAll() {
 TSLProcess executeInOrder(TExecsList& line, Unwaited& others) {
   TSLProcess last;
   const TExec* previous = nullptr;
-  for (TExec& command : line) {
-    if (previous != nullptr) others.note(*previous, last);
-    last = command.execute();
-    previous = &command;
+  try {
+    for (TExec& command : line) {
+      if (previous != nullptr) others.note(*previous, last);
+      last = executeOne(command);
+      previous = &command;
+    }
+  } catch (...) {
+    for (const TExec& command : line) closeInput(command);
+    throw;
   }
   return last;
 }

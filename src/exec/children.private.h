@@ -12,8 +12,9 @@ namespace frask::sys {
 /// exhaustion it is forgotten: it stays a zombie for as long as this process runs.
 void abandon(int pid) noexcept;
 
-/// Collects those abandoned children that have ended. Never blocks, touches no other child, and
-/// leaves errno as it was.
+/// Collects those abandoned children that have ended, whichever thread has abandoned them, and
+/// forgets those that are no children any more. Never blocks, touches no other child, and leaves
+/// errno as it was.
 void collectAbandoned() noexcept;
 
 /// The raw status of a child that has ended or stopped; 0 when it is no child of this process, as
@@ -40,7 +41,8 @@ class Unwaited {
   std::vector<int> pids_;
 };
 
-/// Executes each command and returns the last one's result; the others are noted.
+/// Executes each command and returns the last one's result; the others are noted. A pipe of which
+/// the reader is not started, be it for an exception, is closed.
 TSLProcess executeInOrder(TExecsList& line, Unwaited& others);
 
 }  // namespace frask::sys

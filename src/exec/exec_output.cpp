@@ -1,8 +1,10 @@
+#include <errno.h>
 #include <unistd.h>
 
 #include <stdexcept>
 
 #include "exec/children.private.h"
+#include "exec/keep_errno.private.h"
 #include "exec/texec.h"
 
 namespace frask::sys {
@@ -12,12 +14,30 @@ constexpr std::size_t kChunk = 1024;
 constexpr int kSignalBits = 0x7f;
 constexpr int kExitCodeShift = 8;
 
-// Deliberate: an error, an interruption included, ends the reading as the end of data does. Pinned
-// by ExecGetOutput.TakesAnInterruptedReadForTheEnd.
-void readAll(int fd, std::string* out) {
+/// False when an error, not the end of data, has ended the reading.
+bool readAll(int fd, std::string* out) {
   char chunk[kChunk];
-  for (ssize_t got; (got = ::read(fd, chunk, sizeof chunk)) > 0;)
+  ssize_t got = 0;
+  while ((got = ::read(fd, chunk, sizeof chunk)) > 0)
     out->append(chunk, static_cast<std::size_t>(got));
+  return got == 0;
+}
+
+/// Until the end of data, or an error that stays.
+void discardAll(int fd) noexcept {
+  char chunk[kChunk];
+  ssize_t got = 0;
+  do got = ::read(fd, chunk, sizeof chunk);
+  while (got > 0 || (got == -1 && errno == EINTR));
+}
+
+// Deliberate: an error, an interruption included, ends what the caller gets as the end of data
+// does. Pinned by ExecGetOutput.TakesAnInterruptedReadForTheEnd. The line must not suffer from it:
+// with nobody to read the rest, its writer would block for ever or die by SIGPIPE, and that would
+// be the status.
+void readOutput(int fd, std::string* out) {
+  const KeepErrno keep;
+  if (!readAll(fd, out)) discardAll(fd);
 }
 
 }  // namespace
@@ -34,8 +54,8 @@ void execGetOutput(std::string* out, int* status, const TExecsList& line) {
   Unwaited processes(captured.size());
   const TSLProcess last = executeInOrder(captured, processes);
   processes.note(captured.back(), last);
-  readAll(capture->read_end(), out);
-  capture->close_read_end();  // a writer that is still there is not to wait for us
+  readOutput(capture->read_end(), out);
+  capture->close_read_end();  // after an error that stays, a writer is not to wait for us
   *status = processes.settle(last);
   processes.settleAll();
 }

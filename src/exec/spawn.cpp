@@ -10,13 +10,16 @@
 namespace frask::sys {
 namespace {
 
-/// What is done to the child's descriptors. The pipes' own ends go by themselves on exec.
+/// What is done to the child's descriptors, step by step as the preparations do it in a forked
+/// child, lest the two differ where an earlier one has given a pipe's number to something else.
 class Actions {
  public:
   Actions() : usable_(posix_spawn_file_actions_init(&actions_) == 0) {}
   Actions(const Actions&) = delete;
   Actions& operator=(const Actions&) = delete;
-  ~Actions() { posix_spawn_file_actions_destroy(&actions_); }
+  ~Actions() {
+    if (usable_) posix_spawn_file_actions_destroy(&actions_);
+  }
 
   bool usable() const noexcept { return usable_; }
   const posix_spawn_file_actions_t* get() const noexcept { return &actions_; }
@@ -26,7 +29,14 @@ class Actions {
     return source != target && posix_spawn_file_actions_adddup2(&actions_, source, target) == 0;
   }
 
+  /// Of a pipe, one end becomes `target` and the other is closed.
+  bool keep(int kept, int other, int target) noexcept {
+    return close(other) && dup2(kept, target) && close(kept);
+  }
+
  private:
+  bool close(int fd) noexcept { return posix_spawn_file_actions_addclose(&actions_, fd) == 0; }
+
   posix_spawn_file_actions_t actions_;
   bool usable_;
 };
@@ -44,14 +54,18 @@ bool add(Actions& actions, const TExec::TPrepare* preparation) {
   const std::type_info& type = typeid(*preparation);
   if (type == typeid(TUnionPrep))
     return addBoth(actions, static_cast<const TUnionPrep&>(*preparation));
-  if (type == typeid(TReadOut))
-    return actions.dup2(static_cast<const TReadOut&>(*preparation).write_end(), STDOUT_FILENO);
-  if (type == typeid(TWriteToPipeline))
-    return actions.dup2(static_cast<const TWriteToPipeline&>(*preparation).pipe().write_end(),
-                        STDOUT_FILENO);
-  if (type == typeid(TReadFromPipeline))
-    return actions.dup2(static_cast<const TReadFromPipeline&>(*preparation).pipe().read_end(),
-                        STDIN_FILENO);
+  if (type == typeid(TReadOut)) {
+    const auto& output = static_cast<const TReadOut&>(*preparation);
+    return actions.keep(output.write_end(), output.read_end(), STDOUT_FILENO);
+  }
+  if (type == typeid(TWriteToPipeline)) {
+    const TPipe& pipe = static_cast<const TWriteToPipeline&>(*preparation).pipe();
+    return actions.keep(pipe.write_end(), pipe.read_end(), STDOUT_FILENO);
+  }
+  if (type == typeid(TReadFromPipeline)) {
+    const TPipe& pipe = static_cast<const TReadFromPipeline&>(*preparation).pipe();
+    return actions.keep(pipe.read_end(), pipe.write_end(), STDIN_FILENO);
+  }
   if (type == typeid(TRedirect)) {
     const auto& redirect = static_cast<const TRedirect&>(*preparation);
     return actions.dup2(redirect.source(), redirect.target());

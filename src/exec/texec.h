@@ -11,7 +11,8 @@
  * THE CHILD, which is then a second process in the caller's code: a caller who catches exceptions
  * around execute() ends that process there.
  *
- * Objects and their copies share preparations through plain counts and stay in one thread.
+ * Objects and their copies share preparations through plain counts and stay in one thread; threads
+ * may use objects of their own side by side.
  */
 #ifndef FRASK_EXEC_TEXEC_H
 #define FRASK_EXEC_TEXEC_H
@@ -34,7 +35,11 @@ inline constexpr std::bitset<3> wait_mode{2};
 /** Search the program as execvp(3) does. */
 inline constexpr std::bitset<3> path_mode{4};
 
-/** The empty vector from which callers build theirs. Static initialisers may use it. */
+/**
+ * The empty vector from which callers build theirs. Static initialisers may use it. It is one
+ * object for all threads, and to copy it counts its sharers by a plain count: threads that run side
+ * by side begin with a TEArgs() of their own instead.
+ */
 extern FRASK_API const TEArgs el;
 
 /** What execute() tells of the process that it started. */
@@ -60,7 +65,12 @@ class FRASK_API TExec {
     virtual ~TPrepare();
 
     virtual void bef_fork(TExec& command);
-    /** errno tells why. @return true: the failure is thrown; false: execute() gives pid -1 */
+    /**
+     * errno tells why.
+     *
+     * @return true: the failure is thrown; false: execute() gives pid -1, and a line goes on with
+     *         its next command as if this one had ended at once, without reading or writing
+     */
     virtual bool fork_failed(TExec& command);
     /** After the fork, in the parent. */
     virtual void aft_fork4p(TExec& command);
@@ -68,7 +78,14 @@ class FRASK_API TExec {
     virtual void aft_fork4d(TExec& command);
     /** In the child; without fork_mode in the calling process. */
     virtual void bef_exec(TExec& command);
-    /** In the same process; errno tells why. @return as fork_failed() */
+    /**
+     * In the same process; errno tells why.
+     *
+     * @return true: the failure is thrown; false: execute() gives pid -1. With fork_mode that is in
+     *         the child, which then goes on with the caller's code, and first with the rest of the
+     *         line: every later command is started twice, by the child with that child's
+     *         descriptors, and by the parent. In a line call _exit() instead of returning false.
+     */
     virtual bool exec_failed(TExec& command);
   };
 
@@ -135,6 +152,9 @@ class FRASK_API TExecsList {
    * wait for commands without wait_mode: the last one is the caller's to wait for; earlier ones,
    * whose numbers nobody learns, are collected when they have ended, at the latest by a later
    * execute().
+   *
+   * Should a command throw, later ones are not started, and the pipes that then have no reader are
+   * closed, so that their writers get SIGPIPE.
    */
   TSLProcess execute();
 
@@ -254,6 +274,8 @@ class FRASK_API TReadFromPipeline : public TExec::TPrepare {
  public:
   explicit TReadFromPipeline(const Handle<TPipe>& pipe) noexcept : pipe_(pipe) {}
   const TPipe& pipe() const noexcept { return *pipe_; }
+  /** Closes both ends: what a line does for a reader that is not started. */
+  void close_pipe() noexcept;
   void aft_fork4p(TExec& command) override;
   void aft_fork4d(TExec& command) override;
 
@@ -261,7 +283,11 @@ class FRASK_API TReadFromPipeline : public TExec::TPrepare {
   Handle<TPipe> pipe_;
 };
 
-/** Feeds a text as standard input, from a process that the child forks for it. */
+/**
+ * Feeds a text as standard input, from a process that the child forks for it. That process is the
+ * program's child, and init's once the program has ended. Should it be unable to write the text to
+ * a program that still reads, it kills the program with SIGKILL.
+ */
 class FRASK_API TReadFromStr : public TExec::TPrepare {
  public:
   explicit TReadFromStr(const std::string& text);
@@ -270,8 +296,10 @@ class FRASK_API TReadFromStr : public TExec::TPrepare {
   /** The reading side: the read end becomes standard input, both ends are closed. */
   void action_of_p(int read_end, int write_end) const;
   /**
-   * The writing side: the write end becomes standard output, the text is written and the process
-   * ends with status 0, without the caller's exit handlers and unwritten output.
+   * The writing side: the write end becomes standard output, every other descriptor but standard
+   * input and error is closed, the text is written and the process ends, without the caller's exit
+   * handlers and unwritten output. Its status is 0, or 1 when writing failed for another reason
+   * than a reader that is gone.
    */
   [[noreturn]] void action_of_d(int read_end, int write_end) const;
 
@@ -359,8 +387,10 @@ FRASK_API TExecsList operator,(const TExecsList&left, const TExecsList&right);
 
 /**
  * Executes the line and then reads what its last command writes to standard output, until the end
- * of data or an error in reading, an interruption included. Returns when every process of the line
- * has ended or, stopped, has been left to a later execute() to collect.
+ * of data or an error in reading, an interruption included: `out` gets nothing of what is written
+ * afterwards. That is read all the same and thrown away, so that the line ends as it would have;
+ * only where reading goes on failing is the pipe closed, and the writer gets SIGPIPE. Returns when
+ * every process of the line has ended or, stopped, has been left to a later execute() to collect.
  *
  * A capture is a preparation that lets failures of fork and exec be thrown, added behind those of
  * the command, so no preparation can keep them quiet.

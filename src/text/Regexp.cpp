@@ -45,7 +45,8 @@ bool Regexp::match_from(MatchResultData* data, const std::string& subject, unsig
   // More than the pattern has never take part, so an enormous count costs nothing here.
   const size_t room = data == nullptr ? 0 : std::min<size_t>(count, pattern_.re_nsub + 1);
   std::vector<regmatch_t> found(room, regmatch_t{-1, -1});
-  // REG_STARTEND would have regexec() take the bounds of the search from `found`.
+  // REG_STARTEND would have regexec() take the bounds of the search from `found`; every other flag
+  // is the caller's.
   const int code =
       regexec(&pattern_, subject.c_str() + offset, room, found.data(), eflags & ~REG_STARTEND);
   // Deliberate: a search that failed counts as a match. Pinned by
@@ -53,9 +54,10 @@ bool Regexp::match_from(MatchResultData* data, const std::string& subject, unsig
   if (code == REG_NOMATCH) return false;
   if (data == nullptr) return true;
 
-  data->text = subject;
-  data->offset = offset;
+  std::string text(subject);  // what may throw comes first: the result changes as a whole
   data->regions.resize(count);
+  data->text.swap(text);
+  data->offset = offset;
   for (size_t i = 0; i < room; ++i) {
     // Deliberate: what took no part keeps the value of an earlier match. Pinned by
     // RegexpMatchFrom.KeepsInAReusedResultWhatTookNoPart.

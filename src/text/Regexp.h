@@ -67,13 +67,15 @@ class FRASK_API Regexp {
    * A match sets text and offset of `data` and gives it exactly `count` regions. A sub-match that
    * took no part, each one past the pattern's own, and all of them under REG_NOSUB leave their
    * region as it was: (0, 0) when it is new, else the value of an earlier match. A non-match
-   * changes nothing in `data`.
+   * changes nothing in `data`, and neither does an exception.
    *
    * @param data    may be NULL: nothing is captured then
    * @param count   how many sub-matches to capture, the whole match being number 0
-   * @param eflags  REG_NOTBOL and REG_NOTEOL; the system's REG_STARTEND is ignored
+   * @param eflags  REG_NOTBOL, REG_NOTEOL and whatever else regexec(3) knows, passed on as they are
+   *                but for REG_STARTEND, which is masked: nobody could give its bounds
    * @return true for a match, and also when regexec(3) fails with any code but REG_NOMATCH, as it
    *         does for execution flags that it does not know; false for a non-match
+   * @throws std::length_error, std::bad_alloc  no room for `count` regions or the text
    */
   bool match_from(MatchResultData* data, const std::string& subject, unsigned long offset,
                   unsigned long count, int eflags) const;

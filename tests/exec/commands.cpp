@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
@@ -21,10 +22,18 @@ using frask::sys::TExecsList;
 namespace testexec {
 namespace {
 
-constexpr uid_t kUnusedUser = 54321;
+constexpr uid_t kFirstUnusedUser = 1000000;
 
 void must(bool done, const char* what) {
   if (!done) throw std::runtime_error(std::string("cannot ") + what);
+}
+
+/// As far as the hard limit goes.
+void allow_processes(rlim_t most) {
+  rlimit limit = {};
+  must(getrlimit(RLIMIT_NPROC, &limit) == 0, "get the limit of processes");
+  limit.rlim_cur = std::min(most, limit.rlim_max);
+  must(setrlimit(RLIMIT_NPROC, &limit) == 0, "limit the processes");
 }
 
 }  // namespace
@@ -88,9 +97,21 @@ void await_end_of_a_child() {
 
 void limit_processes(unsigned long processes) {
   const rlimit limit{processes, processes};
-  must(setgroups(0, nullptr) == 0 && setgid(kUnusedUser) == 0 && setuid(kUnusedUser) == 0,
-       "change the user");
+  // A user of its own: tests that run at the same time are not to count.
+  const uid_t user = kFirstUnusedUser + static_cast<uid_t>(getpid());
+  must(setgroups(0, nullptr) == 0 && setgid(user) == 0 && setuid(user) == 0, "change the user");
   must(setrlimit(RLIMIT_NPROC, &limit) == 0, "limit the processes");
+}
+
+void Unforkable::bef_fork(TExec&) {
+  allow_processes(0);
+}
+
+bool Unforkable::fork_failed(TExec&) {
+  const int error = errno;
+  allow_processes(RLIM_INFINITY);
+  errno = error;
+  return answer_;
 }
 
 Recorder::Recorder(std::string path, std::string name)

@@ -52,6 +52,18 @@ void await_end_of_a_child();
 /// Makes this process an unprivileged user's, who may have no more than `processes` of them.
 void limit_processes(unsigned long processes);
 
+/// Makes the fork of its command fail, and no other; for a process that limit_processes() has
+/// changed.
+class Unforkable : public frask::sys::TExec::TPrepare {
+ public:
+  explicit Unforkable(bool answer) : answer_(answer) {}
+  void bef_fork(frask::sys::TExec&) override;
+  bool fork_failed(frask::sys::TExec&) override;
+
+ private:
+  bool answer_;
+};
+
 /// Notes each call as one line of a file, "parent NAME" or "child NAME"; the process that made it
 /// is the parent.
 class Recorder : public frask::sys::TExec::TPrepare {

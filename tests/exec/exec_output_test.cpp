@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,6 +11,7 @@
 
 #include "error/SystemError.h"
 #include "exec/commands.h"
+#include "exec/exec_support.h"
 #include "exec/texec.h"
 #include "support/scratch.h"
 
@@ -23,6 +25,7 @@ using testexec::capture;
 using testexec::Captured;
 using testexec::command;
 using testexec::shell;
+using testsupport::open_descriptors;
 using testsupport::Outcome;
 
 namespace {
@@ -185,18 +188,61 @@ TEST(ExecGetOutput, EndsAnEarlierCommandThatWouldWriteForEver) {
   EXPECT_TRUE(testexec::childless());
 }
 
+TEST(ExecGetOutput, LastsAsLongAsAProgramInTheBackgroundHoldsThePipe) {
+  EXPECT_EQ(capture(shell("(sleep 0.1; echo late) & echo early")).out, "early\nlate\n");
+  EXPECT_EQ(capture(shell("(sleep 0.1; echo late) > /dev/null & echo early")).out, "early\n");
+}
+
 TEST(ExecGetOutput, TakesAnInterruptedReadForTheEnd) {
   const Outcome outcome = alone([] {
     let_signals_interrupt();
+    errno = 0;
     const Captured captured =
         capture(shell("echo early; " + kUntilCallerSleeps + "kill -USR1 $PPID;" +
                       " sleep 0.1; echo late; echo later") ^
                 kWait);
     dprintf(STDOUT_FILENO, "%s", captured.out.c_str());
-    _exit(signals == 1 && testexec::childless() ? 30 : 31);
+    _exit(signals == 1 && errno == 0 && testexec::childless() ? 30 : 31);
   });
   EXPECT_EQ(outcome.out, "early\n");
   EXPECT_EQ(outcome.exit_code(), 30) << outcome;
+}
+
+TEST(ExecGetOutput, LetsTheWriterEndByItselfAfterAnInterruptedRead) {
+  const Outcome outcome = alone([] {
+    let_signals_interrupt();
+    const std::string interrupt = kUntilCallerSleeps + "kill -USR1 $PPID; sleep 0.1; ";
+    alarm(60);  // the rest is more than a pipe holds
+    const Captured captured = capture(
+        shell(interrupt + "head -c 200000 /dev/zero || exit 7; " + interrupt + "echo; exit 6") ^
+        kWait);
+    _exit(captured.status == 6 << 8 && captured.out.empty() && signals == 2 &&
+                  testexec::childless() && open_descriptors() == std::vector<int>{0, 1, 2}
+              ? 30
+              : 31);
+  });
+  EXPECT_EQ(outcome.exit_code(), 30) << outcome;
+}
+
+TEST(ExecGetOutput, ClosesAPipeThatCannotBeReadAndWaitsAllTheSame) {
+  /// From the start of the program on, every read() of the caller fails.
+  class Unreadable : public TExec::TPrepare {
+    void aft_fork4p(TExec&) override { exectest::answer_syscall(SYS_read, EIO); }
+  };
+  const auto status_of = [](const std::string& script) {
+    const Outcome outcome = alone([&script] {
+      alarm(60);
+      TExec writer = shell(script) ^ kWait;
+      writer += Handle<TExec::TPrepare>(new Unreadable);
+      const Captured captured = capture(writer);
+      dprintf(STDOUT_FILENO, "%d '%s' %d", captured.status, captured.out.c_str(),
+              testexec::childless());
+      _exit(0);
+    });
+    return outcome.out;
+  };
+  EXPECT_EQ(status_of("exit 6"), "1536 '' 1") << "a writer of nothing ends by itself";
+  EXPECT_EQ(status_of("exec yes"), "13 '' 1") << "any other by SIGPIPE";
 }
 
 TEST(ExecGetOutput, RepeatsAnInterruptedWait) {
@@ -243,19 +289,19 @@ TEST(ExecGetOutput, ThrowsWhenItCannotWait) {
 }
 
 TEST(ExecGetOutput, LeavesNoDescriptorWhenACommandThrows) {
-  const std::vector<int> before = testsupport::open_descriptors();
+  const std::vector<int> before = open_descriptors();
   const TExecsList line = (command({"true"}) | command({"true"}), TExec(frask::sys::el));
   EXPECT_THROW(capture(line), frask::sys::TSysErr);
-  EXPECT_EQ(testsupport::open_descriptors(), before);
+  EXPECT_EQ(open_descriptors(), before);
 }
 
 TEST(ExecGetOutput, ClosesAPipeWithoutAReaderWithItsLine) {
-  const std::vector<int> before = testsupport::open_descriptors();
+  const std::vector<int> before = open_descriptors();
   {
     const TExecsList line = command({"true"}) | TExec(frask::sys::el);
     EXPECT_THROW(capture(line), frask::sys::TSysErr);
   }
-  EXPECT_EQ(testsupport::open_descriptors(), before);
+  EXPECT_EQ(open_descriptors(), before);
 }
 
 TEST(OutputOperator, GivesTheOutput) {

@@ -1,8 +1,12 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#include <stdexcept>
 
 #include "exec/commands.h"
 #include "exec/texec.h"
@@ -212,6 +216,58 @@ TEST(Pipeline, JoinsTwoProgramsAndLeavesNeitherTheOthersEnd) {
       EXPECT_EQ(outcome.exit_code(), 72) << outcome;
     }
   }
+}
+
+/// Throws before anything of its command is started.
+class ThrowingStart : public Prepare {
+  void bef_fork(TExec&) override { throw std::runtime_error("not started"); }
+};
+
+TEST(Pipeline, IsClosedWhenItsReaderIsNotStarted) {
+  struct Row {
+    const char* why;
+    TExec reader;
+    Prepare* behind_the_pipe;
+  };
+  for (const Row& row : {Row{"no program", TExec(frask::sys::el), new Prepare},
+                         Row{"an exception before the fork", command({"cat"}), new ThrowingStart},
+                         Row{"a failed fork", command({"cat"}), new testexec::Unforkable(true)},
+                         Row{"a failed fork that is kept quiet", command({"cat"}),
+                             new testexec::Unforkable(false)}}) {
+    SCOPED_TRACE(row.why);
+    const Handle<Prepare> behind_the_pipe(row.behind_the_pipe);
+    const Outcome outcome = alone([&] {
+      testexec::limit_processes(20);
+      alarm(60);
+      TExecsList line = (command({"yes"}) ^ TExec::wait_mode) | row.reader;
+      line += behind_the_pipe;
+      try {
+        if (line.execute().pid != -1) _exit(80);
+      } catch (const std::exception&) {
+      }
+      if (open_descriptors() != std::vector<int>{0, 1, 2}) _exit(81);
+      siginfo_t ended = {};
+      if (waitid(P_ALL, 0, &ended, WEXITED | WNOWAIT) != 0) _exit(82);
+      _exit(ended.si_code == CLD_KILLED && ended.si_status == SIGPIPE ? 83 : 84);
+    });
+    EXPECT_EQ(outcome.exit_code(), 83) << outcome;
+  }
+}
+
+TEST(Pipeline, IsClosedWhenItsReaderCannotOpenTheNextOne) {
+  const TExec cat = command({"cat"}) ^ TExec::wait_mode;
+  TExecsList line = cat | cat | cat;
+  const Outcome outcome = alone([&line] {
+    limit_descriptors(6);  // enough for one pipe, not for two at a time
+    try {
+      line.execute();
+      _exit(84);
+    } catch (const TSysCallErr& error) {
+      if (error.error_number() != EMFILE) _exit(85);
+    }
+    _exit(open_descriptors() == std::vector<int>{0, 1, 2} ? 86 : 87);
+  });
+  EXPECT_EQ(outcome.exit_code(), 86) << outcome;
 }
 
 TEST(Pipeline, IsCreatedAnewOnEachExecution) {

@@ -1,16 +1,20 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <iostream>
 
 #include "exec/commands.h"
+#include "exec/exec_support.h"
 #include "exec/texec.h"
 #include "support/scratch.h"
 
@@ -243,6 +247,45 @@ TEST(TReadFromStr, GivesTheProgramStandardInputAlone) {
 TEST(TReadFromStr, EndsItsWriterWhenTheProgramDoesNotRead) {
   // The capture ends only when the writer has let go of its copy of standard output.
   EXPECT_EQ(testexec::capture(shell("echo done") << std::string(1 << 20, 'x')).out, "done\n");
+}
+
+TEST(TReadFromStr, LeavesItsWriterToTheReaperOfOrphans) {
+  const Outcome outcome = alone([] {
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+    const int program = (command({"true"}) << std::string(200000, 'x')).execute().pid;
+    int status = -1;
+    const int orphan = wait(&status);
+    if (orphan <= 0 || orphan == program || !testexec::childless()) _exit(50);
+    _exit(WIFSIGNALED(status) && WTERMSIG(status) == SIGPIPE ? 51 : 52);
+  });
+  EXPECT_EQ(outcome.exit_code(), 51) << outcome;
+}
+
+TEST(TReadFromStr, KillsTheProgramThatWouldTakeAPartForTheWhole) {
+  class Unwritable : public Prepare {
+    void aft_fork4d(TExec&) override { exectest::answer_syscall(SYS_write, EIO); }
+  };
+  const Outcome outcome = alone([] {
+    const TExec reading = shell("while read -r line; do :; done");
+    const int usual = (with(reading, new Prepare) << "text\n").execute().result;
+    const int unwritten = (with(reading, new Unwritable) << "text\n").execute().result;
+    _exit(usual == 0 && unwritten == -1 ? 50 : 51);
+  });
+  EXPECT_EQ(outcome.exit_code(), 50) << outcome;
+}
+
+TEST(TReadFromStr, TellsByTheStatusOfItsWriterWhetherTheTextWasWritten) {
+  const auto status_of = [](bool reader) {
+    return alone([reader] {
+             signal(SIGPIPE, SIG_IGN);
+             int ends[2];
+             if (reader && pipe(ends) == 0) TReadFromStr("text").action_of_d(ends[0], ends[1]);
+             TReadFromStr("text").action_of_d(-1, -1);
+           })
+        .exit_code();
+  };
+  EXPECT_EQ(status_of(true), 0) << "a reader that has gone needs no more of it";
+  EXPECT_EQ(status_of(false), 1);
 }
 
 TEST(TReadFromStr, ThrowsInTheChildWithoutAPipe) {

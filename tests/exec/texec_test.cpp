@@ -125,6 +125,34 @@ TEST(Execute, CallsTheHooksInTheirOrder) {
   }
 }
 
+TEST(Execute, LetsTheParentsHooksActBeforeItWaits) {
+  for (unsigned mode = 1; mode < 8; mode += 2) {
+    SCOPED_TRACE(mode);
+    const ScratchDir scratch;
+    const std::string record = scratch / "record";
+    const Outcome outcome = alone([mode, &record] {
+      alarm(60);  // the program ends when the hook lets it
+      int ends[2];
+      if (pipe2(ends, O_CLOEXEC) != 0) _exit(80);
+      auto* const releasing = new Acting;
+      releasing->on_aft_fork4p = [&ends](TExec&) { close(ends[1]); };
+      TExec reading(arguments({"/bin/sh", "-c", "cat; echo program ends >> " + record}), mode);
+      reading = with(reading, new Recorder(record)) & frask::sys::TRedirect(0, ends[0]);
+      reading += Handle<Prepare>(releasing);
+      reading.execute();
+      if (testexec::childless() != ((mode & 2) != 0)) _exit(81);
+      while (wait(nullptr) > 0) {
+      }
+      _exit(82);
+    });
+    EXPECT_EQ(outcome.exit_code(), 82) << outcome;
+    EXPECT_EQ(recorded(record, "parent"), (Hooks{"bef_fork", "aft_fork4p"}));
+    const std::string all = testsupport::read_file(record);
+    EXPECT_LT(all.find("parent aft_fork4p"), all.find("program ends")) << all;
+    EXPECT_NE(all.find("program ends"), std::string::npos) << all;
+  }
+}
+
 TEST(Execute, LeavesErrnoAsItWasWhenItSucceeds) {
   for (TExec plain : testexec::both_starts(command({"true"}))) {
     errno = 0;  // the search path has directories without the program

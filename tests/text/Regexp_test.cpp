@@ -309,9 +309,30 @@ TEST(RegexpMatchFrom, IgnoresBoundsThatNobodyGave) {
   EXPECT_TRUE(compiled.match_from(nullptr, "abc", 0, 0, REG_STARTEND));
 }
 
+TEST(RegexpMatchFrom, LeavesTheResultAloneWhenThereIsNoRoomForSoMany) {
+  constexpr unsigned long kMost = std::numeric_limits<unsigned long>::max();
+  const Result before{"kept", 7, {{1, 2}}};
+  Result data = before;
+  EXPECT_THROW(Regexp("b", 0).match_from(&data, "abc", 1, kMost, 0), std::length_error);
+  EXPECT_EQ(data.text, before.text);
+  EXPECT_EQ(data.offset, before.offset);
+  EXPECT_EQ(data.regions, before.regions);
+}
+
 /// An execution flag that regexec() refuses with REG_BADPAT: its one error beside REG_NOMATCH here,
 /// for it reports exhausted memory as REG_NOMATCH.
 constexpr int kUnknownFlag = 1 << 20;
+
+TEST(RegexpMatchFrom, MasksNoFlagButTheBounds) {
+  const Regexp compiled("^abc$", 0);
+  for (const int flag : {REG_NOTBOL, REG_NOTEOL}) {
+    SCOPED_TRACE(flag);
+    ASSERT_TRUE(compiled.match_from(nullptr, "abc", 0, 0, REG_STARTEND));
+    EXPECT_FALSE(compiled.match_from(nullptr, "abc", 0, 0, flag | REG_STARTEND));
+  }
+  EXPECT_TRUE(compiled.match_from(nullptr, "no", 0, 0, kUnknownFlag | REG_STARTEND))
+      << "a flag that is not known reaches regexec(), which refuses it";
+}
 
 TEST(RegexpMatchFrom, TakesASearchThatFailedForAMatch) {
   const Regexp compiled("(x)", REG_EXTENDED);
