@@ -20,6 +20,7 @@ using frask::conf::Connection;
 using frask::conf::CString;
 using frask::conf::Secret;
 using frask::conf::SecretFile;
+using frask::conf::succeeds;
 using frask::conf::Wipe;
 
 namespace {
@@ -136,10 +137,14 @@ MYSQL* frask_db_connect_raw_ex(char* error, size_t size) {
     errno = ENOMEM;
     return nullptr;
   }
-  if (mysql_real_connect(connection.get(), text_or(settings.host, "localhost"),
-                         text_or(settings.user, "admin"), settings.password.get(),
-                         text_or(settings.database, "oxa"), port_number(settings.port),
-                         oxaConfGetDefaultByIndex(OXA_CONF_MYSQL_SOCKET), 0) == nullptr) {
+  const char* socket = oxaConfGetDefaultByIndex(OXA_CONF_MYSQL_SOCKET);
+  const bool connected = succeeds(connection.get(), [&] {
+    return mysql_real_connect(connection.get(), text_or(settings.host, "localhost"),
+                              text_or(settings.user, "admin"), settings.password.get(),
+                              text_or(settings.database, "oxa"), port_number(settings.port), socket,
+                              0) != nullptr;
+  });
+  if (!connected) {
     failure.write("Unable to connect to Frask Database: %s", mysql_error(connection.get()));
     return nullptr;
   }
@@ -152,7 +157,8 @@ MYSQL* frask_db_connect_raw(char* error, size_t size) {
 
 MYSQL* frask_db_connect_ex(char* error, size_t size) {
   MYSQL* handle = frask_db_connect_raw(error, size);
-  if (handle != nullptr && mysql_query(handle, "SET NAMES utf8") != 0)
+  if (handle == nullptr) return nullptr;
+  if (!succeeds(handle, [handle] { return mysql_query(handle, "SET NAMES utf8") == 0; }))
     write_query_error(ErrorText(error, size), "set names query", handle);
   return handle;
 }

@@ -14,4 +14,7 @@ constexpr const char* kShadowFile = "/etc/oxa/.oxa.shadow";
 /// child passes: expectations may stand in `body`, and an exception counts as a failure.
 testsupport::Outcome in_panel(const std::function<void()>& body);
 
+/// Moves this process into a network of its own with a loopback: the port is nobody else's.
+void enter_private_network();
+
 #endif
