@@ -1,14 +1,13 @@
 #include "conf/database.h"
 
 #include <errno.h>
-#include <limits.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 
-#include <algorithm>
+#include <utility>
 
 #include "conf/connection.private.h"
 #include "conf/inifile.h"
@@ -77,15 +76,19 @@ unsigned int port_number(const CString& text) {
   return text ? static_cast<unsigned int>(strtol(text.get(), nullptr, 10)) : 0;
 }
 
-/// The first line of a file without its newline; null where there is none, an empty file included.
-/// errno is set, or 0 where the file simply ends.
-Secret first_line(FILE* file, size_t file_size, Secret line) {
-  const auto limit = static_cast<int>(std::min<size_t>(file_size + 1, INT_MAX));
+/// Reads the first line of a file, without its newline and up to a NUL, where a string ends, into
+/// zeroed memory for `size` bytes and one more; null where there is none, an empty file included.
+/// errno is set, or 0 where the file simply ends. What is wiped is what was read: a large file's
+/// memory is hardly touched.
+Secret first_line(FILE* file, size_t size, Secret line) {
   errno = 0;  // an older failure must not be named as the reason
-  if (fgets(line.get(), limit, file) == nullptr || file_size == 0) return nullptr;
-  const size_t length = strlen(line.get());
-  if (length > 0 && line.get()[length - 1] == '\n') line.get()[length - 1] = '\0';
-  return line;
+  size_t length = 0;
+  int c = EOF;
+  while (length < size && (c = getc(file)) != EOF && c != '\n' && c != '\0')
+    line.get()[length++] = static_cast<char>(c);
+  line.get_deleter() = Wipe(length);
+  const bool is_empty = length == 0 && c == EOF;
+  return is_empty || ferror(file) != 0 ? nullptr : std::move(line);
 }
 
 /// The administrator's password; null with the reason written.
@@ -101,7 +104,7 @@ Secret read_shadow(const ErrorText& failure) {
     return nullptr;
   }
   const auto size = static_cast<size_t>(st.st_size);
-  Secret memory(static_cast<char*>(calloc(size + 1, 1)), Wipe(size + 1));
+  Secret memory(static_cast<char*>(calloc(size + 1, 1)));
   if (!memory) {
     failure.write("Unable to allocate memory for password");
     return nullptr;

@@ -4,9 +4,11 @@
 #define FRASK_CONF_OWNERS_PRIVATE_H
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <memory>
 
@@ -26,11 +28,24 @@ struct CloseStream {
 };
 using Stream = std::unique_ptr<FILE, CloseStream>;
 
+/// fopen() for reading that does not wait for the writer of a named pipe in the file's place.
+inline FILE* open_without_waiting(const char* path) noexcept {
+  const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0) return nullptr;
+  FILE* stream = fdopen(fd, "r");
+  if (stream == nullptr) {
+    const int error = errno;
+    close(fd);
+    errno = error;
+  }
+  return stream;
+}
+
 /// A file that may hold a password: it is read through a buffer that is wiped after use. Not
 /// movable, for the stream points into the object.
 class SecretFile {
  public:
-  explicit SecretFile(const char* path) noexcept : stream_(fopen(path, "re")) {
+  explicit SecretFile(const char* path) noexcept : stream_(open_without_waiting(path)) {
     if (stream_) setvbuf(stream_.get(), buffer_, _IOFBF, sizeof buffer_);
   }
   ~SecretFile() {

@@ -4,12 +4,16 @@
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <array>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -88,6 +92,22 @@ std::string ask(const Handle& handle, const char* sql) {
   std::string field = row[0] != nullptr ? row[0] : "NULL";
   mysql_free_result(result);
   return field;
+}
+
+long kilobytes_held_at_most() {
+  rusage usage = {};
+  getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_maxrss;
+}
+
+void make_socket_of_the_shadow_file() {
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  snprintf(address.sun_path, sizeof address.sun_path, "%s", kShadowFile);
+  const int result = bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  close(fd);
+  ASSERT_EQ(result, 0);
 }
 
 /// Who is connected to what, or why nobody is.
@@ -407,13 +427,44 @@ TEST(FraskDbConnectRawEx, SaysThatThePasswordDoesNotFitIntoMemory) {
   });
 }
 
-TEST(FraskDbConnectRawEx, ReadsThePasswordOfALargeShadowFile) {
-  in_panel([] {
-    const MariaDbServer server;
-    write_shadow();
-    ASSERT_EQ(truncate(kShadowFile, off_t{100} << 20U), 0);
-    EXPECT_EQ(error_of(), "connected");
-  });
+TEST(FraskDbConnectRawEx, ReadsThePasswordOfALargeShadowFileForThePriceOfALine) {
+  for (const char* line : {"sesame\n", "sesame"}) {
+    SCOPED_TRACE(line);
+    in_panel([line] {
+      const MariaDbServer server;
+      write_shadow(line);
+      ASSERT_EQ(truncate(kShadowFile, off_t{3} << 30U), 0) << "more than an int can tell";
+      const long before = kilobytes_held_at_most();
+      EXPECT_EQ(error_of(), "connected");
+      EXPECT_LT(kilobytes_held_at_most() - before, 1L << 20U);
+    });
+  }
+}
+
+TEST(FraskDbConnectRawEx, WaitsForNobodyWhenTheShadowFileIsNoFile) {
+  struct Row {
+    const char* what;
+    std::function<void()> make;
+    const char* error;
+  };
+  const std::vector<Row> rows = {
+      {"a named pipe", [] { ASSERT_EQ(mkfifo(kShadowFile, 0600), 0); },
+       "Unable to read admin password file: Success"},
+      {"an endless device", [] { ASSERT_EQ(symlink("/dev/zero", kShadowFile), 0); },
+       "Unable to read admin password file: Success"},
+      {"an empty device", [] { ASSERT_EQ(symlink("/dev/null", kShadowFile), 0); },
+       "Unable to read admin password file: Success"},
+      {"a socket", make_socket_of_the_shadow_file,
+       "Unable to open admin password file: No such device or address"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    in_panel([&row] {
+      alarm(20);
+      row.make();
+      EXPECT_EQ(error_of(), row.error);
+    });
+  }
 }
 
 TEST(FraskDbConnectRawEx, SaysThatTheShadowFileCannotBeRead) {
@@ -422,6 +473,17 @@ TEST(FraskDbConnectRawEx, SaysThatTheShadowFileCannotBeRead) {
     const Attempt made = attempt(frask_db_connect_raw_ex);
     EXPECT_EQ(made.error, "Unable to read admin password file: Is a directory");
     EXPECT_EQ(made.error_number, EISDIR);
+  });
+}
+
+TEST(FraskDbConnectRawEx, TakesNoPasswordWhoseReadingStopsPartWay) {
+  in_panel([] {
+    write_shadow(std::string(100000, 'p') + "\n");
+    const Outcome traced = run({"strace", "-qq", "-o", "/mnt/trace", "-P", kShadowFile, "-e",
+                                "inject=read:error=EIO:when=2", TEMBRIX_CONNECT_HELPER},
+                               {"", {{"ASAN_OPTIONS", "detect_leaks=0"}}, ""});
+    EXPECT_EQ(traced.out, "Unable to read admin password file: Input/output error, errno 5")
+        << traced;
   });
 }
 
