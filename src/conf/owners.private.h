@@ -94,9 +94,11 @@ class LineBuffer {
   LineBuffer(const LineBuffer&) = delete;
   LineBuffer& operator=(const LineBuffer&) = delete;
 
-  /// Reads the next line, its newline included; false at the end, and when reading fails with
-  /// errno.
-  bool read(FILE* stream) noexcept { return getline(&text_, &size_, stream) != -1; }
+  /// Reads the next line, its newline included; false at the end, and when reading fails, with
+  /// errno. The part of a line that was read before that is not one.
+  bool read(FILE* stream) noexcept {
+    return getline(&text_, &size_, stream) != -1 && ferror(stream) == 0;
+  }
   char* text() const noexcept { return text_; }
 
  private:

@@ -35,7 +35,6 @@ using testsupport::MariaDbOptions;
 using testsupport::MariaDbServer;
 using testsupport::open_descriptors;
 using testsupport::Outcome;
-using testsupport::run;
 using testsupport::write_file;
 
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the sanitizer's own names
@@ -411,9 +410,8 @@ TEST(FraskDbConnectRawEx, LeavesTheSettingsFilesOwnMessageToTheIniReader) {
 TEST(FraskDbConnectRawEx, SaysThatTheShadowFileCannotBeExamined) {
   in_panel([] {
     write_shadow();
-    const Outcome traced = run({"strace", "-qq", "-o", "/mnt/trace", "-P", kShadowFile, "-e",
-                                "inject=fstat,newfstatat:error=EIO", TEMBRIX_CONNECT_HELPER},
-                               {"", {{"ASAN_OPTIONS", "detect_leaks=0"}}, ""});
+    const Outcome traced =
+        run_injected(kShadowFile, "fstat,newfstatat:error=EIO", {TEMBRIX_CONNECT_HELPER});
     EXPECT_EQ(traced.out, "Unable to get admin password file stat: Input/output error, errno 5")
         << traced;
   });
@@ -479,9 +477,8 @@ TEST(FraskDbConnectRawEx, SaysThatTheShadowFileCannotBeRead) {
 TEST(FraskDbConnectRawEx, TakesNoPasswordWhoseReadingStopsPartWay) {
   in_panel([] {
     write_shadow(std::string(100000, 'p') + "\n");
-    const Outcome traced = run({"strace", "-qq", "-o", "/mnt/trace", "-P", kShadowFile, "-e",
-                                "inject=read:error=EIO:when=2", TEMBRIX_CONNECT_HELPER},
-                               {"", {{"ASAN_OPTIONS", "detect_leaks=0"}}, ""});
+    const Outcome traced =
+        run_injected(kShadowFile, "read:error=EIO:when=2", {TEMBRIX_CONNECT_HELPER});
     EXPECT_EQ(traced.out, "Unable to read admin password file: Input/output error, errno 5")
         << traced;
   });

@@ -41,6 +41,14 @@ Outcome in_panel(const std::function<void()>& body) {
   return outcome;
 }
 
+Outcome run_injected(const std::string& path, const std::string& injection,
+                     const std::vector<std::string>& program) {
+  std::vector<std::string> words = {"strace", "-qq", "-o", "/mnt/trace",
+                                    "-P",     path,  "-e", "inject=" + injection};
+  words.insert(words.end(), program.begin(), program.end());
+  return testsupport::run(words, {"", {{"ASAN_OPTIONS", "detect_leaks=0"}}, ""});
+}
+
 void enter_private_network() {
   if (unshare(CLONE_NEWNET) != 0) throw std::runtime_error("unsharing the network failed");
   const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
