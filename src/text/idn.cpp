@@ -138,6 +138,17 @@ bool rebuild(const char* url, const UrlPattern::Parts& parts, BoundedText& resul
   return fits_or_fails(result);
 }
 
+/// Whether a text is too long for regexec(), which counts in ints and would not return.
+bool is_endless(const char* text) {
+  return strnlen(text, INT_MAX) == INT_MAX;
+}
+
+/// Null, as the result of a failed conversion.
+char* report_failed_conversion() {
+  messlog2(0, 1, "idn_toascii() failed: %s", idn_strerror(idn_errno));
+  return nullptr;
+}
+
 }  // namespace
 
 char* idn_toascii(const char* domain) {
@@ -161,6 +172,10 @@ char* idn_toutf8(const char* domain) {
 
 char* idn_url_toascii(const char* url) {
   static BoundedText result;
+  if (is_endless(url)) {
+    idn_errno = IDNA_INVALID_LENGTH;
+    return report_failed_conversion();
+  }
   const UrlPattern pattern;
   UrlPattern::Parts parts{};
   const int error = pattern.match(url, parts);
@@ -172,11 +187,7 @@ char* idn_url_toascii(const char* url) {
     messlog2(0, 1, "no hostname found in URL");
     return nullptr;
   }
-  if (!rebuild(url, parts, result)) {
-    messlog2(0, 1, "idn_toascii() failed: %s", idn_strerror(idn_errno));
-    return nullptr;
-  }
-  return result.data();
+  return rebuild(url, parts, result) ? result.data() : report_failed_conversion();
 }
 
 char* idn_email_toascii(const char* address) {

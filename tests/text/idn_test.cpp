@@ -5,12 +5,12 @@
 #include <limits.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <memory>
 #include <string>
 
+#include "endless_text.h"
 #include "log/messlog.h"
 #include "support/child.h"
 
@@ -194,45 +194,11 @@ TEST(IdnEmailToascii, TakesAnyLength) {
   EXPECT_EQ(ascii.get(), local + "@xn--bcher-kva");
 }
 
-/// A text of 4 GiB of "a" and a tail behind them, which takes up one megabyte.
-class EndlessText {
- public:
-  explicit EndlessText(const std::string& tail) : file_(memfd_create("text", MFD_CLOEXEC)) {
-    const std::string content(kPiece, 'a');
-    if (write(file_, content.data(), kPiece) != static_cast<ssize_t>(kPiece)) return;
-    text_ = map(nullptr, kSize, -1, 0);
-    for (size_t at = 0; text_ != MAP_FAILED && at < kLetters; at += kPiece)
-      map(static_cast<char*>(text_) + at, kPiece, file_, MAP_FIXED);
-    if (text_ != MAP_FAILED) tail.copy(static_cast<char*>(text_) + kLetters, tail.size());
-  }
-  ~EndlessText() {
-    if (text_ != MAP_FAILED) munmap(text_, kSize);
-    close(file_);
-  }
-  EndlessText(const EndlessText&) = delete;
-  EndlessText& operator=(const EndlessText&) = delete;
-
-  const char* get() const { return text_ != MAP_FAILED ? static_cast<char*>(text_) : nullptr; }
-
- private:
-  static constexpr size_t kPiece = size_t{1} << 20U;
-  static constexpr size_t kLetters = size_t{4} << 30U;
-  static constexpr size_t kSize = kLetters + 4096;
-
-  static void* map(void* where, size_t size, int file, int more) {
-    const int kind = file >= 0 ? MAP_SHARED : MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE;
-    return mmap(where, size, PROT_READ | PROT_WRITE, kind | more, file, 0);
-  }
-
-  int file_;
-  void* text_ = MAP_FAILED;
-};
-
 TEST(IdnEmailToascii, RefusesALocalPartLongerThanAFormattedTextCanBe) {
   const EndlessText address("@host");
   ASSERT_NE(address.get(), nullptr);
   const Outcome outcome = in_child([&address] {
-    const char* just_too_long = address.get() + (size_t{4} << 30U) - INT_MAX - 1;
+    const char* just_too_long = address.get() + EndlessText::kLetters - INT_MAX - 1;
     for (const char* text : {address.get(), just_too_long}) {
       idn_errno = kUntouched;
       if (idn_email_toascii(text) != nullptr) _exit(1);

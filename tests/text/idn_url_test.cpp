@@ -1,5 +1,6 @@
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <limits.h>
 #include <locale.h>
 #include <string.h>
 #include <unistd.h>
@@ -7,6 +8,7 @@
 #include <initializer_list>
 #include <string>
 
+#include "endless_text.h"
 #include "log/messlog.h"
 #include "support/child.h"
 #include "text/idn.h"
@@ -174,6 +176,19 @@ TEST(IdnUrlToascii, RefusesAHostOfMoreThan4095Bytes) {
   std::string growing;
   while (growing.size() < 4000) growing += "\u00fc.";
   expect_refusal(growing);
+}
+
+TEST(IdnUrlToascii, RefusesAUrlLongerThanAPatternCanBeMatchedWith) {
+  const EndlessText url("/");
+  ASSERT_NE(url.get(), nullptr);
+  const Outcome outcome = in_child([&url] {
+    alarm(60);  // regexec() would not return
+    errno = 0;
+    if (idn_url_toascii(url.get() + EndlessText::kLetters + 1 - INT_MAX) != nullptr) _exit(1);
+    if (idn_errno != 5) _exit(2);
+  });
+  EXPECT_EQ(outcome.err, "idn_toascii() failed: Invalid length\n");
+  EXPECT_EQ(outcome.exit_code(), 0);
 }
 
 TEST(IdnUrlToascii, ConvertsAgainAfterARefusal) {
