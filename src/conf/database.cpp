@@ -13,10 +13,11 @@
 #include "conf/inifile.h"
 #include "conf/owners.private.h"
 #include "conf/oxaconf.h"
+#include "log/c_string.private.h"
 #include "log/messlog.h"
 
+using frask::CString;
 using frask::conf::Connection;
-using frask::conf::CString;
 using frask::conf::Secret;
 using frask::conf::SecretFile;
 using frask::conf::succeeds;

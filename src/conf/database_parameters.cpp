@@ -6,12 +6,12 @@
 
 #include "conf/connection.private.h"
 #include "conf/database.h"
-#include "conf/owners.private.h"
 #include "error/asprintf_safe.h"
+#include "log/c_string.private.h"
 #include "log/messlog.h"
 
+using frask::CString;
 using frask::conf::Connection;
-using frask::conf::CString;
 using frask::conf::succeeds;
 
 namespace {

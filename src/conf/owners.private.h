@@ -1,4 +1,4 @@
-// Not installed: the owners of C strings, streams and line buffers in this room. All of them leave
+// Not installed: the owners of streams, secrets and line buffers in this room. All of them leave
 // errno as it was, for the report that follows.
 #ifndef FRASK_CONF_OWNERS_PRIVATE_H
 #define FRASK_CONF_OWNERS_PRIVATE_H
@@ -13,11 +13,6 @@
 #include <memory>
 
 namespace frask::conf {
-
-struct Free {
-  void operator()(void* memory) const noexcept { free(memory); }
-};
-using CString = std::unique_ptr<char, Free>;
 
 struct CloseStream {
   void operator()(FILE* stream) const noexcept {
