@@ -6,11 +6,11 @@
 #include <utility>
 
 #include "conf/log_priority.private.h"
-#include "conf/owners.private.h"
 #include "conf/oxaconf.h"
+#include "log/c_string.private.h"
 #include "log/utility_log.h"
 
-using frask::conf::CString;
+using frask::CString;
 using frask::conf::kConfWarning;
 
 namespace {

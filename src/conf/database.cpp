@@ -1,25 +1,26 @@
 #include "conf/database.h"
 
 #include <errno.h>
-#include <limits.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 
-#include <algorithm>
+#include <utility>
 
 #include "conf/connection.private.h"
 #include "conf/inifile.h"
 #include "conf/owners.private.h"
 #include "conf/oxaconf.h"
+#include "log/c_string.private.h"
 #include "log/messlog.h"
 
+using frask::CString;
 using frask::conf::Connection;
-using frask::conf::CString;
 using frask::conf::Secret;
 using frask::conf::SecretFile;
+using frask::conf::succeeds;
 using frask::conf::Wipe;
 
 namespace {
@@ -76,15 +77,19 @@ unsigned int port_number(const CString& text) {
   return text ? static_cast<unsigned int>(strtol(text.get(), nullptr, 10)) : 0;
 }
 
-/// The first line of a file without its newline; null where there is none, an empty file included.
-/// errno is set, or 0 where the file simply ends.
-Secret first_line(FILE* file, size_t file_size, Secret line) {
-  const auto limit = static_cast<int>(std::min<size_t>(file_size + 1, INT_MAX));
+/// Reads the first line of a file, without its newline and up to a NUL, where a string ends, into
+/// zeroed memory for `size` bytes and one more; null where there is none, an empty file included.
+/// errno is set, or 0 where the file simply ends. What is wiped is what was read: a large file's
+/// memory is hardly touched.
+Secret first_line(FILE* file, size_t size, Secret line) {
   errno = 0;  // an older failure must not be named as the reason
-  if (fgets(line.get(), limit, file) == nullptr || file_size == 0) return nullptr;
-  const size_t length = strlen(line.get());
-  if (length > 0 && line.get()[length - 1] == '\n') line.get()[length - 1] = '\0';
-  return line;
+  size_t length = 0;
+  int c = EOF;
+  while (length < size && (c = getc(file)) != EOF && c != '\n' && c != '\0')
+    line.get()[length++] = static_cast<char>(c);
+  line.get_deleter() = Wipe(length);
+  const bool is_empty = length == 0 && c == EOF;
+  return is_empty || ferror(file) != 0 ? nullptr : std::move(line);
 }
 
 /// The administrator's password; null with the reason written.
@@ -100,7 +105,7 @@ Secret read_shadow(const ErrorText& failure) {
     return nullptr;
   }
   const auto size = static_cast<size_t>(st.st_size);
-  Secret memory(static_cast<char*>(calloc(size + 1, 1)), Wipe(size + 1));
+  Secret memory(static_cast<char*>(calloc(size + 1, 1)));
   if (!memory) {
     failure.write("Unable to allocate memory for password");
     return nullptr;
@@ -136,10 +141,14 @@ MYSQL* frask_db_connect_raw_ex(char* error, size_t size) {
     errno = ENOMEM;
     return nullptr;
   }
-  if (mysql_real_connect(connection.get(), text_or(settings.host, "localhost"),
-                         text_or(settings.user, "admin"), settings.password.get(),
-                         text_or(settings.database, "oxa"), port_number(settings.port),
-                         oxaConfGetDefaultByIndex(OXA_CONF_MYSQL_SOCKET), 0) == nullptr) {
+  const char* socket = oxaConfGetDefaultByIndex(OXA_CONF_MYSQL_SOCKET);
+  const bool connected = succeeds(connection.get(), [&] {
+    return mysql_real_connect(connection.get(), text_or(settings.host, "localhost"),
+                              text_or(settings.user, "admin"), settings.password.get(),
+                              text_or(settings.database, "oxa"), port_number(settings.port), socket,
+                              0) != nullptr;
+  });
+  if (!connected) {
     failure.write("Unable to connect to Frask Database: %s", mysql_error(connection.get()));
     return nullptr;
   }
@@ -152,7 +161,8 @@ MYSQL* frask_db_connect_raw(char* error, size_t size) {
 
 MYSQL* frask_db_connect_ex(char* error, size_t size) {
   MYSQL* handle = frask_db_connect_raw(error, size);
-  if (handle != nullptr && mysql_query(handle, "SET NAMES utf8") != 0)
+  if (handle == nullptr) return nullptr;
+  if (!succeeds(handle, [handle] { return mysql_query(handle, "SET NAMES utf8") == 0; }))
     write_query_error(ErrorText(error, size), "set names query", handle);
   return handle;
 }

@@ -26,14 +26,16 @@ extern "C" {
  * be opened.
  *
  * @param error  receives, when the result is NULL, one of the texts below, cut to what fits; may be
- *               NULL with size 0. errno is then what the failing call left.
+ *               NULL with size 0.
  *               "Unable to open admin password file: <system text>",
  *               "Unable to get admin password file stat: <system text>",
  *               "Unable to allocate memory for password",
  *               "Unable to read admin password file: <system text>" (of an empty file too),
  *               "Unable to initialize MySQL connection structure: <system text>" (errno ENOMEM),
  *               "Unable to connect to Frask Database: <server's or client library's text>"
- * @return a handle that the caller closes with mysql_close(), or NULL
+ * @return a handle that the caller closes with mysql_close(), or NULL. errno is then the failing
+ *         call's own, or 0 where no system call is the reason: an empty password file, a host name
+ *         that is unknown, and all that the server itself refuses. With a handle it is 0.
  */
 FRASK_API MYSQL* frask_db_connect_raw_ex(char* error, size_t size);
 
@@ -69,8 +71,8 @@ FRASK_API MYSQL* db_connect(void);
  * @return at most 4095 bytes of the field in a static buffer; "" without a row or for an SQL NULL;
  *         NULL when the connection or the query fails, reported through messlog2(), not fatally, as
  *         "Unable to connect to the mysql database\n" or "Unable to query parameter by query
- *         <query>: <text>\n". The client library's waiting may leave an errno (EAGAIN), and thus a
- *         system error behind the latter.
+ *         <query>: <text>\n". errno, and with it the system error behind the latter, is set only
+ *         where the connection broke; it is 0 for what the server refuses, and with a result.
  */
 FRASK_API const char* get_param_from_bigquery(const char* query, MYSQL* connection, int column);
 

@@ -6,12 +6,13 @@
 
 #include "conf/connection.private.h"
 #include "conf/database.h"
-#include "conf/owners.private.h"
 #include "error/asprintf_safe.h"
+#include "log/c_string.private.h"
 #include "log/messlog.h"
 
+using frask::CString;
 using frask::conf::Connection;
-using frask::conf::CString;
+using frask::conf::succeeds;
 
 namespace {
 
@@ -45,12 +46,21 @@ const char* first_field(MYSQL_RES* result, int column) {
   return row != nullptr && exists ? row[column] : nullptr;
 }
 
-/// Takes what the query that was just run gave, cut to the buffer.
-const char* store_first_field(MYSQL* connection, int column, char (&buffer)[kValueSize]) {
-  const Result result(mysql_store_result(connection));
+/// Sends a query and takes the field of the first row into the buffer, cut to what fits. False when
+/// the query fails, be it at once or while its rows arrive; the buffer is then as it was.
+template <class Send>
+bool query_field(MYSQL* connection, Send send, int column, char (&buffer)[kValueSize]) {
+  Result result;
+  const bool answered = succeeds(connection, [&] {
+    if (send() != 0) return false;
+    result.reset(mysql_store_result(connection));
+    // A statement without a result, such as an insertion, gives none either, but no number.
+    return result != nullptr || mysql_errno(connection) == 0;
+  });
+  if (!answered) return false;
   const char* field = result ? first_field(result.get(), column) : nullptr;
   snprintf(buffer, sizeof buffer, "%s", field != nullptr ? field : "");
-  return buffer;
+  return true;
 }
 
 }  // namespace
@@ -62,11 +72,10 @@ const char* get_param_from_bigquery(const char* query, MYSQL* connection, int co
     messlog2(0, 1, "Unable to connect to the mysql database\n");
     return nullptr;
   }
-  if (mysql_query(in_use.get(), query) != 0) {
-    messlog2(0, 1, "Unable to query parameter by query %s: %s\n", query, mysql_error(in_use.get()));
-    return nullptr;
-  }
-  return store_first_field(in_use.get(), column, value);
+  const auto send = [&] { return mysql_query(in_use.get(), query); };
+  if (query_field(in_use.get(), send, column, value)) return value;
+  messlog2(0, 1, "Unable to query parameter by query %s: %s\n", query, mysql_error(in_use.get()));
+  return nullptr;
 }
 
 const char* get_param_query(const char* query, MYSQL* connection) {
@@ -76,7 +85,7 @@ const char* get_param_query(const char* query, MYSQL* connection) {
 const char* get_param(const char* name, MYSQL* connection) {
   const CString query(
       asprintf_safe("select %s from %s where %s='%s'", "val", "misc", "param", name));
-  return get_param_query(query.get(), connection);
+  return query ? get_param_query(query.get(), connection) : nullptr;
 }
 
 // Deliberate: the texts are this routine's own. The connect message goes without the "the" of the
@@ -93,9 +102,8 @@ const char* get_mail_server_param(const char* name, MYSQL* connection) {
            "select value from ServiceNodeConfiguration where name='%s' and serviceNodeId=1 and "
            "section='mailServer'",
            name);
-  if (mysql_real_query(in_use.get(), value, strlen(value)) != 0) {
-    messlog2(0, 0, "Unable to query domain parameter %s: %s\n", name, mysql_error(in_use.get()));
-    return nullptr;
-  }
-  return store_first_field(in_use.get(), 0, value);
+  const auto send = [&] { return mysql_real_query(in_use.get(), value, strlen(value)); };
+  if (query_field(in_use.get(), send, 0, value)) return value;
+  messlog2(0, 0, "Unable to query domain parameter %s: %s\n", name, mysql_error(in_use.get()));
+  return nullptr;
 }

@@ -11,8 +11,9 @@
 
 #include "conf/owners.private.h"
 #include "conf/white_space.private.h"
+#include "log/c_string.private.h"
 
-using frask::conf::CString;
+using frask::CString;
 using frask::conf::is_space;
 using frask::conf::LineBuffer;
 using frask::conf::SecretFile;

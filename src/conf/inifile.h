@@ -30,7 +30,8 @@ FRASK_API size_t strip_line(char* line);
  *
  * @param section  the text between the brackets, its blanks included
  * @return a heap string that the caller frees with free(), "" for an empty value; NULL, silently,
- *         when there is no such regular file, section or key; NULL and one text without a newline,
+ *         when there is no such regular file, section or key, and when the file cannot be read so
+ *         far or memory is exhausted, errno being set then; NULL and one text without a newline,
  *         "Failed to open <path>: <system text>", on standard error when the file exists but cannot
  *         be opened
  */

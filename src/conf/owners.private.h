@@ -1,21 +1,18 @@
-// Not installed: the owners of C strings, streams and line buffers in this room. All of them leave
+// Not installed: the owners of streams, secrets and line buffers in this room. All of them leave
 // errno as it was, for the report that follows.
 #ifndef FRASK_CONF_OWNERS_PRIVATE_H
 #define FRASK_CONF_OWNERS_PRIVATE_H
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <memory>
 
 namespace frask::conf {
-
-struct Free {
-  void operator()(void* memory) const noexcept { free(memory); }
-};
-using CString = std::unique_ptr<char, Free>;
 
 struct CloseStream {
   void operator()(FILE* stream) const noexcept {
@@ -26,11 +23,24 @@ struct CloseStream {
 };
 using Stream = std::unique_ptr<FILE, CloseStream>;
 
+/// fopen() for reading that does not wait for the writer of a named pipe in the file's place.
+inline FILE* open_without_waiting(const char* path) noexcept {
+  const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0) return nullptr;
+  FILE* stream = fdopen(fd, "r");
+  if (stream == nullptr) {
+    const int error = errno;
+    close(fd);
+    errno = error;
+  }
+  return stream;
+}
+
 /// A file that may hold a password: it is read through a buffer that is wiped after use. Not
 /// movable, for the stream points into the object.
 class SecretFile {
  public:
-  explicit SecretFile(const char* path) noexcept : stream_(fopen(path, "re")) {
+  explicit SecretFile(const char* path) noexcept : stream_(open_without_waiting(path)) {
     if (stream_) setvbuf(stream_.get(), buffer_, _IOFBF, sizeof buffer_);
   }
   ~SecretFile() {
@@ -79,9 +89,11 @@ class LineBuffer {
   LineBuffer(const LineBuffer&) = delete;
   LineBuffer& operator=(const LineBuffer&) = delete;
 
-  /// Reads the next line, its newline included; false at the end, and when reading fails with
-  /// errno.
-  bool read(FILE* stream) noexcept { return getline(&text_, &size_, stream) != -1; }
+  /// Reads the next line, its newline included; false at the end, and when reading fails, with
+  /// errno. The part of a line that was read before that is not one.
+  bool read(FILE* stream) noexcept {
+    return getline(&text_, &size_, stream) != -1 && ferror(stream) == 0;
+  }
   char* text() const noexcept { return text_; }
 
  private:

@@ -1,5 +1,6 @@
 #include "conf/oxaconf.h"
 
+#include <errno.h>
 #include <stdlib.h>
 #include <string.h>
 #include <syslog.h>
@@ -95,6 +96,7 @@ int autoprepend() {
   auto* conf = static_cast<ConfR*>(calloc(1, sizeof(ConfR)));
   if (conf == nullptr) {
     frask_log(LOG_ERR, "Not enough memory to allocate Frask runtime configuration structure");
+    errno = ENOMEM;
     return -1;
   }
   if (conf_read_file_r(kProductConfiguration, conf) != 0) {

@@ -74,8 +74,8 @@ FRASK_API const char* conf_get_r(const char* name, ConfR* conf);
  *
  * @return 0; -1 with errno set when the file cannot be opened ("unable to open configuration file
  *         <path>: <system text>\n") or read to its end ("Unable to read configuration file:
- *         <system text>"), both at priority 12, or when memory is exhausted; what was read before
- *         stays in the table
+ *         <system text>"), both at priority 12, or when memory is exhausted; the lines that were
+ *         read whole before stay in the table
  */
 FRASK_API int conf_read_file_r(const char* path, ConfR* conf);
 
@@ -131,12 +131,17 @@ FRASK_API extern ConfR* theOxaConfHash;
  * Reads "/etc/oxa/oxa.conf" into theOxaConfHash unless that was done before. The lookups below call
  * it as needed, so a failed load is tried again by each lookup by name. Nothing here is locked.
  *
- * @return 0; -1 with nothing left behind, reported by conf_read_file_r(), or, at priority 3, as
- * "Not enough memory to allocate Frask runtime configuration structure"
+ * @return 0; -1 with nothing left behind, reported by conf_read_file_r(), with its errno: ENOENT
+ *         without the file, EACCES, EISDIR and others of opening and reading, ENOMEM; or -1 with
+ *         errno ENOMEM, reported at priority 3 as "Not enough memory to allocate Frask runtime
+ *         configuration structure"
  */
 FRASK_API int autoprepend(void);
 
-/** @return the file's value, owned by theOxaConfHash; NULL without the file or the name in it */
+/**
+ * @return the file's value, owned by theOxaConfHash; NULL without the name in the file, or without
+ *         the file, with autoprepend()'s errno, which the lookups below leave behind, too
+ */
 FRASK_API const char* oxaConfGet(const char* name);
 
 /**

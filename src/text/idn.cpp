@@ -1,10 +1,10 @@
 #include "text/idn.h"
 
 #include <idna.h>
+#include <limits.h>
 #include <regex.h>
 #include <string.h>
 
-#include <algorithm>
 #include <array>
 #include <string_view>
 
@@ -89,24 +89,65 @@ std::string_view part_of(const char* url, const regmatch_t& group) {
   return {url + group.rm_so, static_cast<size_t>(group.rm_eo - group.rm_so)};
 }
 
-/// A text of at most 4095 bytes; what is too much is cut.
+/// A text of at most 4095 bytes. What does not fit whole is left out, and the text no longer fits.
 class BoundedText {
  public:
   char* data() { return text_; }
-  void clear() { append_at(0, ""); }
-  void append(std::string_view more) { append_at(length_, more); }
+  bool fits() const { return fits_; }
 
- private:
-  void append_at(size_t position, std::string_view more) {
-    const size_t taken = std::min(more.size(), sizeof text_ - 1 - position);
-    more.copy(text_ + position, taken);
-    length_ = position + taken;
+  void clear() {
+    length_ = 0;
+    text_[0] = '\0';
+    fits_ = true;
+  }
+
+  void append(std::string_view more) {
+    fits_ = fits_ && more.size() < sizeof text_ - length_;
+    if (!fits_) return;
+    more.copy(text_ + length_, more.size());
+    length_ += more.size();
     text_[length_] = '\0';
   }
 
+ private:
   char text_[4096] = "";
   size_t length_ = 0;
+  bool fits_ = true;
 };
+
+/// Whether a text fits; a failure is kept in idn_errno as that of a domain that is too long.
+bool fits_or_fails(const BoundedText& text) {
+  if (!text.fits()) idn_errno = IDNA_INVALID_LENGTH;
+  return text.fits();
+}
+
+/// Puts a URL together anew in `result`, its host converted. False, with the failure in idn_errno,
+/// where the host cannot be converted, or it or the whole is too long: a text that was cut would
+/// name another host or place.
+bool rebuild(const char* url, const UrlPattern::Parts& parts, BoundedText& result) {
+  result.clear();
+  result.append(part_of(url, parts[kHost]));
+  if (!fits_or_fails(result)) return false;
+  const CString host(idn_toascii(result.data()));
+  if (host == nullptr) return false;
+  result.clear();
+  result.append(part_of(url, parts[kScheme]));
+  result.append(part_of(url, parts[kUser]));
+  result.append(host.get());
+  result.append(part_of(url, parts[kRest]));
+  return fits_or_fails(result);
+}
+
+/// Whether a text is too long for regexec(), which counts in ints and would not return.
+bool is_endless(const char* text) {
+  return strnlen(text, INT_MAX) == INT_MAX;
+}
+
+/// Null, as the result of a failed conversion.
+char* report_failed_conversion() {
+  messlog2(0, 1, "idn_toascii() failed: %s", idn_strerror(idn_errno));
+  return nullptr;
+}
 
 }  // namespace
 
@@ -131,6 +172,10 @@ char* idn_toutf8(const char* domain) {
 
 char* idn_url_toascii(const char* url) {
   static BoundedText result;
+  if (is_endless(url)) {
+    idn_errno = IDNA_INVALID_LENGTH;
+    return report_failed_conversion();
+  }
   const UrlPattern pattern;
   UrlPattern::Parts parts{};
   const int error = pattern.match(url, parts);
@@ -142,19 +187,7 @@ char* idn_url_toascii(const char* url) {
     messlog2(0, 1, "no hostname found in URL");
     return nullptr;
   }
-  result.clear();
-  result.append(part_of(url, parts[kHost]));
-  const CString host(idn_toascii(result.data()));
-  if (host == nullptr) {
-    messlog2(0, 1, "idn_toascii() failed: %s", idn_strerror(idn_errno));
-    return nullptr;
-  }
-  result.clear();
-  result.append(part_of(url, parts[kScheme]));
-  result.append(part_of(url, parts[kUser]));
-  result.append(host.get());
-  result.append(part_of(url, parts[kRest]));
-  return result.data();
+  return rebuild(url, parts, result) ? result.data() : report_failed_conversion();
 }
 
 char* idn_email_toascii(const char* address) {
@@ -162,6 +195,10 @@ char* idn_email_toascii(const char* address) {
   // Pinned by IdnEmailToascii.TakesAllBehindTheFirstAtForTheDomain.
   const char* at = strchr(address, '@');
   if (at == nullptr) return nullptr;
+  if (at - address > INT_MAX) {  // longer than a formatted text can be
+    idn_errno = IDNA_INVALID_LENGTH;
+    return nullptr;
+  }
   const CString domain(idn_toascii(at + 1));
   // Deliberate: a domain that cannot be converted does not make the routine fail; callers look at
   // idn_errno. Pinned by IdnEmailToascii.WritesNullForADomainThatCannotBeConverted.

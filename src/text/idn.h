@@ -52,9 +52,10 @@ FRASK_API char* idn_toutf8(const char* domain);
  * up to the first "@" behind that, a host up to the first "/" or ":", and the rest.
  *
  * @param url  UTF-8; not an earlier result, which is overwritten
- * @return a static buffer that the next call overwrites. A result of more than 4095 bytes is cut.
- *         NULL, and one report through messlog2(), where the URL does not match ("regexec() failed:
- *         ...") or its host cannot be converted ("idn_toascii() failed: ...").
+ * @return a static buffer that the next call overwrites. NULL, and one report through messlog2(),
+ *         where the URL does not match ("regexec() failed: ..."), or where its host cannot be
+ *         converted, or the host or the result is longer than 4095 bytes ("idn_toascii() failed:
+ *         ..." with idn_errno set, to the code of "Invalid length" for the latter).
  */
 FRASK_API char* idn_url_toascii(const char* url);
 
@@ -63,7 +64,8 @@ FRASK_API char* idn_url_toascii(const char* url);
  *
  * @param address  UTF-8
  * @return a string that the caller frees with free(); NULL, silently and with idn_errno as it was,
- *         where there is no "@". A domain that cannot be converted sets idn_errno and reads
+ *         where there is no "@"; NULL with the code of "Invalid length" in idn_errno where more
+ * than INT_MAX bytes stand before it. A domain that cannot be converted sets idn_errno and reads
  *         "(null)" in the result.
  */
 FRASK_API char* idn_email_toascii(const char* address);

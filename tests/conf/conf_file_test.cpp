@@ -14,6 +14,7 @@
 #include "conf_table.h"
 #include "log_recorder.h"
 #include "memory_path.h"
+#include "panel.h"
 #include "support/allocations.h"
 #include "support/child.h"
 #include "support/scratch.h"
@@ -273,6 +274,22 @@ TEST(ConfReadFileR, FailsOnADirectoryWhichOpensButCannotBeRead) {
             (std::vector<LogLine>{{12, "Unable to read configuration file: Is a directory"}}));
   EXPECT_EQ(conf->sorted, 1) << "what is there can be looked up";
   EXPECT_STREQ(conf->entries[0].name, "A");
+}
+
+TEST(ConfReadFileR, KeepsTheWholeLinesBeforeAFailureToRead) {
+  in_panel([] {
+    write_file("/mnt/conf", "B 1\nA 2\nbad\nC " + std::string(100000, 'x') + "\nD 4\n");
+    for (const char* injection : {"read:error=EIO:when=2", "read:error=EIO:when=2+"}) {
+      SCOPED_TRACE(injection);
+      const Outcome traced =
+          run_injected("/mnt/conf", injection, {TEMBRIX_READING_HELPER, "conf", "/mnt/conf"});
+      EXPECT_EQ(traced.out,
+                "-1, errno 5\n"
+                "<12>Invalid variable definition bad\n\nExpected a value\n"
+                "<12>Unable to read configuration file: Input/output error\n"
+                "A: 2\nB: 1\n");
+    }
+  });
 }
 
 TEST(ConfReadFileR, FailsAtALineThatDoesNotFitIntoMemory) {

@@ -2,36 +2,24 @@
 #include <stdio.h>
 
 #include <chrono>
-#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "conf/database.h"
-#include "panel.h"
+#include "panel_database.h"
 #include "support/allocations.h"
 #include "support/child.h"
 #include "support/mariadb_server.h"
-#include "support/scratch.h"
 
 using testsupport::live_blocks;
 using testsupport::MariaDbOptions;
 using testsupport::MariaDbServer;
 using testsupport::open_descriptors;
 using testsupport::Outcome;
-using testsupport::write_file;
 
 namespace {
-
-struct Close {
-  void operator()(MYSQL* handle) const { mysql_close(handle); }
-};
-using Handle = std::unique_ptr<MYSQL, Close>;
-
-void write_shadow() {
-  write_file(kShadowFile, "sesame\n", 0600);
-}
 
 void set_misc(MariaDbServer& server, const std::string& param, const std::string& value) {
   server.execute("insert into misc values ('" + param + "', " + value + ")");
@@ -65,10 +53,8 @@ std::string with_system_error(const std::string& text) {
   return text + "\nSystem error 2: No such file or directory\n";
 }
 
-/// The message itself: whether a system error follows depends on how the client library waited.
-std::string first_line(const std::string& text) {
-  return text.substr(0, text.find('\n') + 1);
-}
+/// A value so long that the server sends the row, which it holds back for others to join it.
+constexpr const char* kMoreThanIsHeldBack = "repeat('v', 100000)";
 
 }  // namespace
 
@@ -143,7 +129,7 @@ TEST(GetParam, ReportsThatTheTableIsMissing) {
     const Handle connection(db_connect());
     EXPECT_EQ(get_param("a", connection.get()), nullptr);
   });
-  EXPECT_EQ(first_line(outcome.err),
+  EXPECT_EQ(outcome.err,
             "Unable to query parameter by query select val from misc where param='a': Table "
             "'oxa.misc' doesn't exist\n");
   EXPECT_EQ(outcome.out, outcome.err);
@@ -258,11 +244,60 @@ TEST(GetParamFromBigquery, ReportsAQueryThatFails) {
     const Handle connection(db_connect());
     EXPECT_EQ(get_param_from_bigquery("select x", connection.get(), 0), nullptr);
   });
-  EXPECT_EQ(first_line(outcome.err)
-                .find("Unable to query parameter by query select x: Unknown column 'x' in "),
+  EXPECT_EQ(outcome.err.find("Unable to query parameter by query select x: Unknown column 'x' in "),
             0U)
       << outcome;
   EXPECT_EQ(outcome.out, outcome.err);
+}
+
+TEST(GetParamFromBigquery, ReportsAQueryThatFailsWhileItsRowsArrive) {
+  const std::string query =
+      "select val, (select m.param from misc m where m.param <= misc.param) from misc";
+  const Outcome outcome = in_panel([&query] {
+    MariaDbServer server;
+    write_shadow();
+    set_misc(server, "a", kMoreThanIsHeldBack);
+    set_misc(server, "b", "'x'");
+    const Handle connection(db_connect());
+    ASSERT_EQ(mysql_query(connection.get(), query.c_str()), 0) << "it must not fail at once";
+    ASSERT_EQ(mysql_store_result(connection.get()), nullptr);
+    EXPECT_EQ(get_param_from_bigquery(query.c_str(), connection.get(), 0), nullptr);
+    EXPECT_STREQ(get_param_query("select 'next'", connection.get()), "next");
+  });
+  EXPECT_EQ(outcome.err,
+            "Unable to query parameter by query " + query + ": Subquery returns more than 1 row\n");
+  EXPECT_EQ(outcome.out, outcome.err);
+}
+
+TEST(GetParamFromBigquery, ReportsAQueryThatIsKilledWhileItsRowsArrive) {
+  const std::string query = "select val, sleep(if(param = 'b', 100, 0)) from misc";
+  const Outcome outcome = in_panel([&query] {
+    MariaDbServer server;
+    write_shadow();
+    set_misc(server, "a", kMoreThanIsHeldBack);
+    set_misc(server, "b", "'x'");
+    const Handle connection(db_connect());
+    ASSERT_EQ(mysql_query(connection.get(), "set max_statement_time = 0.2"), 0);
+    EXPECT_EQ(get_param_query(query.c_str(), connection.get()), nullptr);
+    EXPECT_EQ(mysql_errno(connection.get()), 1969U);
+  });
+  EXPECT_EQ(outcome.err.find("Unable to query parameter by query " + query + ": Query "), 0U)
+      << outcome;
+  EXPECT_EQ(outcome.out, outcome.err);
+}
+
+TEST(GetParamFromBigquery, RunsOneStatementOnly) {
+  const Outcome outcome = in_panel([] {
+    MariaDbServer server;
+    write_shadow();
+    EXPECT_EQ(get_param_query("select 1; select 2", nullptr), nullptr);
+    EXPECT_EQ(get_param("a'; insert into misc values ('b', 'x", nullptr), nullptr);
+    EXPECT_EQ(server.ask("select count(*) from misc"), "0");
+  });
+  EXPECT_EQ(outcome.err.find("Unable to query parameter by query select 1; select 2: You have an "
+                             "error in your SQL syntax"),
+            0U)
+      << outcome;
 }
 
 TEST(GetParamFromBigquery, SharesOneBufferWithItsTwoRelatives) {
@@ -271,6 +306,7 @@ TEST(GetParamFromBigquery, SharesOneBufferWithItsTwoRelatives) {
     write_shadow();
     set_misc(server, "a", "'first'");
     set_mail(server, 1, "mailServer", "m", "'mail'");
+    set_mail(server, 1, "mailServer", "n", "'next'");
     const char* first = get_param("a", nullptr);
     ASSERT_STREQ(first, "first");
     const char* mail = get_mail_server_param("m", nullptr);
@@ -281,6 +317,9 @@ TEST(GetParamFromBigquery, SharesOneBufferWithItsTwoRelatives) {
     EXPECT_EQ(get_param_from_bigquery("select 1, 'third'", nullptr, 1), first);
     EXPECT_STREQ(first, "third");
     EXPECT_STREQ(mail, "mail");
+    EXPECT_EQ(get_mail_server_param("n", nullptr), mail);
+    EXPECT_STREQ(mail, "next");
+    EXPECT_STREQ(first, "third");
   });
 }
 
@@ -322,6 +361,23 @@ TEST(GetMailServerParam, CutsALongQuery) {
       << "the name's closing quote is cut off";
 }
 
+TEST(GetMailServerParam, ReportsAQueryThatFailsWhileItsRowsArrive) {
+  const std::string name =
+      "z' or (select m.name from ServiceNodeConfiguration m where m.name <= "
+      "ServiceNodeConfiguration.name) = 'a' or name = 'z";
+  const Outcome outcome = in_panel([&name] {
+    MariaDbServer server;
+    write_shadow();
+    set_mail(server, 1, "mailServer", "a", kMoreThanIsHeldBack);
+    set_mail(server, 1, "mailServer", "b", "'x'");
+    const Handle connection(db_connect());
+    EXPECT_EQ(get_mail_server_param(name.c_str(), connection.get()), nullptr);
+  });
+  EXPECT_EQ(outcome.err,
+            "Unable to query domain parameter " + name + ": Subquery returns more than 1 row\n");
+  EXPECT_EQ(outcome.out, outcome.err);
+}
+
 TEST(GetMailServerParam, HasMessagesOfItsOwn) {
   const Outcome down = in_panel([] {
     write_shadow();
@@ -336,7 +392,7 @@ TEST(GetMailServerParam, HasMessagesOfItsOwn) {
     const Handle connection(db_connect());
     EXPECT_EQ(get_mail_server_param("limit", connection.get()), nullptr);
   });
-  EXPECT_EQ(first_line(failed.err),
+  EXPECT_EQ(failed.err,
             "Unable to query domain parameter limit: Table 'oxa.ServiceNodeConfiguration' doesn't "
             "exist\n");
   EXPECT_EQ(failed.out, failed.err);

@@ -2,25 +2,25 @@
 
 #include <errno.h>
 #include <gtest/gtest.h>
-#include <net/if.h>
-#include <sched.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <array>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "answering_proxy.h"
-#include "panel.h"
+#include "panel_database.h"
 #include "support/allocations.h"
 #include "support/child.h"
 #include "support/hidden_text.h"
@@ -35,7 +35,6 @@ using testsupport::MariaDbOptions;
 using testsupport::MariaDbServer;
 using testsupport::open_descriptors;
 using testsupport::Outcome;
-using testsupport::run;
 using testsupport::write_file;
 
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the sanitizer's own names
@@ -47,10 +46,6 @@ __attribute__((weak)) void __lsan_enable();
 
 namespace {
 
-struct Close {
-  void operator()(MYSQL* handle) const { mysql_close(handle); }
-};
-using Handle = std::unique_ptr<MYSQL, Close>;
 using Connect = MYSQL* (*)(char* error, size_t size);
 
 /// The four connection routines and the name that the panel's tools call.
@@ -98,6 +93,22 @@ std::string ask(const Handle& handle, const char* sql) {
   return field;
 }
 
+long kilobytes_held_at_most() {
+  rusage usage = {};
+  getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_maxrss;
+}
+
+void make_socket_of_the_shadow_file() {
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  snprintf(address.sun_path, sizeof address.sun_path, "%s", kShadowFile);
+  const int result = bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  close(fd);
+  ASSERT_EQ(result, 0);
+}
+
 /// Who is connected to what, or why nobody is.
 std::string connected_as() {
   const Attempt made = attempt(frask_db_connect);
@@ -105,34 +116,10 @@ std::string connected_as() {
   return ask(made.handle, "select concat(user(), ' ', database())");
 }
 
-void write_settings(const std::string& lines) {
-  write_file(kSettingsFile, "[frask]\n" + lines, 0600);
-}
-
-void write_shadow(const std::string& content) {
-  write_file(kShadowFile, content, 0600);
-}
-
-const std::string kDenied =
-    "Unable to connect to Frask Database: Access denied for user 'admin'@'localhost' (using "
-    "password: YES)";
-
-/// Loopback of its own: the port is nobody else's.
-void enter_private_network() {
-  if (unshare(CLONE_NEWNET) != 0) throw std::runtime_error("unsharing the network failed");
-  const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  ifreq request = {};
-  snprintf(request.ifr_name, sizeof request.ifr_name, "lo");
-  request.ifr_flags = IFF_UP;
-  const int result = ioctl(fd, SIOCSIFFLAGS, &request);
-  close(fd);
-  if (result != 0) throw std::runtime_error("bringing up the loopback failed");
-}
-
 /// Connects without a server while the numbered allocation fails; gives the error and errno.
 std::string error_without_allocation(unsigned long number) {
   const Outcome outcome = in_panel([number] {
-    write_shadow("sesame\n");
+    write_shadow();
     error_of();  // the client library's set-up, once a process, is not proof against this
     const std::vector<int> descriptors = open_descriptors();
     const Attempt made = attempt(frask_db_connect_raw_ex, number);
@@ -199,7 +186,7 @@ Attempt attempt_without_number(Connect connect, const std::string& server_socket
 
 TEST(FraskDbConnect, NeedsNoSettingsFile) {
   in_panel([] {
-    write_shadow("sesame\n");
+    write_shadow();
     const MariaDbServer server;
     EXPECT_EQ(connected_as(), "admin@localhost oxa");
   });
@@ -208,7 +195,7 @@ TEST(FraskDbConnect, NeedsNoSettingsFile) {
 TEST(FraskDbConnect, ConnectsOverTheConfiguredSocket) {
   in_panel([] {
     write_file(kConfigurationFile, "MYSQL_SOCKET /var/lib/mysql/other.sock\n");
-    write_shadow("sesame\n");
+    write_shadow();
     MariaDbOptions options;
     options.socket = "/var/lib/mysql/other.sock";
     const MariaDbServer server(options);
@@ -238,7 +225,7 @@ TEST(FraskDbConnect, HasAFallbackForEachSettingAlone) {
     server.execute("grant all on panel2.* to 'admin'@'localhost'");
     server.execute("create user 'other'@'localhost' identified by 'sesame'");
     server.execute("grant all on oxa.* to 'other'@'localhost'");
-    write_shadow("sesame\n");
+    write_shadow();
     struct Row {
       const char* settings;
       const char* expected;
@@ -266,7 +253,7 @@ TEST(FraskDbConnect, ReadsThePortAsADecimalNumber) {
     MariaDbOptions options;
     options.server_options = {"--skip-networking=0", "--bind-address=127.0.0.1", "--port=3306"};
     const MariaDbServer server(options);
-    write_shadow("sesame\n");
+    write_shadow();
     struct Row {
       const char* port;
       bool connects;
@@ -355,7 +342,7 @@ TEST(FraskDbConnect, SaysWhichPasswordIsWrong) {
 TEST(FraskDbConnect, SaysThatTheServerIsDown) {
   in_panel([] {
     MariaDbServer server;
-    write_shadow("sesame\n");
+    write_shadow();
     ASSERT_EQ(connected_as(), "admin@localhost oxa");
     server.stop();
     for (const auto& [name, connect] : kConnects) {
@@ -371,7 +358,7 @@ TEST(FraskDbConnect, LeavesNoDescriptorAndNoMemoryWhenItFails) {
   in_panel([] {
     MariaDbServer server;
     server.stop();
-    write_shadow("sesame\n");
+    write_shadow();
     write_settings("host = localhost\nusername = other\ndbname = panel2\n");
     ASSERT_NE(error_of(), "connected") << "the client library's own set-up is done by now";
     const std::vector<int> descriptors = open_descriptors();
@@ -399,7 +386,7 @@ TEST(FraskDbConnectRawEx, SaysThatTheShadowFileCannotBeOpened) {
 
 TEST(FraskDbConnectRawEx, SaysThatTheShadowFileMayNotBeOpened) {
   const Outcome outcome = in_panel([] {
-    write_shadow("sesame\n");
+    write_shadow();
     if (setuid(65534) != 0) _exit(97);
     const Attempt made = attempt(frask_db_connect_raw_ex);
     EXPECT_EQ(made.error, "Unable to open admin password file: Permission denied");
@@ -422,10 +409,9 @@ TEST(FraskDbConnectRawEx, LeavesTheSettingsFilesOwnMessageToTheIniReader) {
 
 TEST(FraskDbConnectRawEx, SaysThatTheShadowFileCannotBeExamined) {
   in_panel([] {
-    write_shadow("sesame\n");
-    const Outcome traced = run({"strace", "-qq", "-o", "/mnt/trace", "-P", kShadowFile, "-e",
-                                "inject=fstat,newfstatat:error=EIO", TEMBRIX_CONNECT_HELPER},
-                               {"", {{"ASAN_OPTIONS", "detect_leaks=0"}}, ""});
+    write_shadow();
+    const Outcome traced =
+        run_injected(kShadowFile, "fstat,newfstatat:error=EIO", {TEMBRIX_CONNECT_HELPER});
     EXPECT_EQ(traced.out, "Unable to get admin password file stat: Input/output error, errno 5")
         << traced;
   });
@@ -433,19 +419,50 @@ TEST(FraskDbConnectRawEx, SaysThatTheShadowFileCannotBeExamined) {
 
 TEST(FraskDbConnectRawEx, SaysThatThePasswordDoesNotFitIntoMemory) {
   in_panel([] {
-    write_shadow("sesame\n");
+    write_shadow();
     ASSERT_EQ(truncate(kShadowFile, off_t{1} << 61U), 0);
     EXPECT_EQ(error_of(), "Unable to allocate memory for password");
   });
 }
 
-TEST(FraskDbConnectRawEx, ReadsThePasswordOfALargeShadowFile) {
-  in_panel([] {
-    const MariaDbServer server;
-    write_shadow("sesame\n");
-    ASSERT_EQ(truncate(kShadowFile, off_t{100} << 20U), 0);
-    EXPECT_EQ(error_of(), "connected");
-  });
+TEST(FraskDbConnectRawEx, ReadsThePasswordOfALargeShadowFileForThePriceOfALine) {
+  for (const char* line : {"sesame\n", "sesame"}) {
+    SCOPED_TRACE(line);
+    in_panel([line] {
+      const MariaDbServer server;
+      write_shadow(line);
+      ASSERT_EQ(truncate(kShadowFile, off_t{3} << 30U), 0) << "more than an int can tell";
+      const long before = kilobytes_held_at_most();
+      EXPECT_EQ(error_of(), "connected");
+      EXPECT_LT(kilobytes_held_at_most() - before, 1L << 20U);
+    });
+  }
+}
+
+TEST(FraskDbConnectRawEx, WaitsForNobodyWhenTheShadowFileIsNoFile) {
+  struct Row {
+    const char* what;
+    std::function<void()> make;
+    const char* error;
+  };
+  const std::vector<Row> rows = {
+      {"a named pipe", [] { ASSERT_EQ(mkfifo(kShadowFile, 0600), 0); },
+       "Unable to read admin password file: Success"},
+      {"an endless device", [] { ASSERT_EQ(symlink("/dev/zero", kShadowFile), 0); },
+       "Unable to read admin password file: Success"},
+      {"an empty device", [] { ASSERT_EQ(symlink("/dev/null", kShadowFile), 0); },
+       "Unable to read admin password file: Success"},
+      {"a socket", make_socket_of_the_shadow_file,
+       "Unable to open admin password file: No such device or address"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    in_panel([&row] {
+      alarm(20);
+      row.make();
+      EXPECT_EQ(error_of(), row.error);
+    });
+  }
 }
 
 TEST(FraskDbConnectRawEx, SaysThatTheShadowFileCannotBeRead) {
@@ -454,6 +471,16 @@ TEST(FraskDbConnectRawEx, SaysThatTheShadowFileCannotBeRead) {
     const Attempt made = attempt(frask_db_connect_raw_ex);
     EXPECT_EQ(made.error, "Unable to read admin password file: Is a directory");
     EXPECT_EQ(made.error_number, EISDIR);
+  });
+}
+
+TEST(FraskDbConnectRawEx, TakesNoPasswordWhoseReadingStopsPartWay) {
+  in_panel([] {
+    write_shadow(std::string(100000, 'p') + "\n");
+    const Outcome traced =
+        run_injected(kShadowFile, "read:error=EIO:when=2", {TEMBRIX_CONNECT_HELPER});
+    EXPECT_EQ(traced.out, "Unable to read admin password file: Input/output error, errno 5")
+        << traced;
   });
 }
 
@@ -526,7 +553,7 @@ TEST(FraskDbConnectRawEx, LeavesNoPasswordInMemory) {
 TEST(FraskDbConnectEx, SetsTheNamesToUtf8) {
   in_panel([] {
     const MariaDbServer server;
-    write_shadow("sesame\n");
+    write_shadow();
     for (const auto& [name, connect] : kConnects) {
       SCOPED_TRACE(name);
       const bool raw = strstr(name, "raw") != nullptr;
@@ -542,7 +569,7 @@ TEST(FraskDbConnectEx, SetsTheNamesToUtf8) {
 TEST(FraskDbConnectEx, GivesTheHandleEvenWhenTheQueryFails) {
   in_panel([] {
     const MariaDbServer server(refusing_first_query());
-    write_shadow("sesame\n");
+    write_shadow();
     const Attempt made = attempt(frask_db_connect_ex);
     ASSERT_TRUE(made.handle);
     EXPECT_EQ(mysql_errno(made.handle.get()), 1184U);
@@ -566,7 +593,7 @@ TEST(FraskDbConnectEx, HasATextForAFailureWithoutANumber) {
 TEST(FraskDbConnect, ClosesAHandleWhoseQueryFailed) {
   in_panel([] {
     const MariaDbServer server(refusing_first_query());
-    write_shadow("sesame\n");
+    write_shadow();
     const std::vector<int> descriptors = open_descriptors();
     for (const Connect connect : {frask_db_connect, db_connect_nothrow}) {
       const Attempt made = attempt(connect);
@@ -587,34 +614,4 @@ TEST(FraskDbConnect, KeepsAHandleWhoseFailureHasNoNumber) {
     EXPECT_EQ(made.error, "DB error (set names query): unknown error");
     EXPECT_TRUE(made.handle);
   });
-}
-
-TEST(DbConnect, GivesAConnection) {
-  const Outcome outcome = in_panel([] {
-    const MariaDbServer server;
-    write_shadow("sesame\n");
-    const Handle handle(db_connect());
-    EXPECT_EQ(ask(handle, "select @@character_set_client"), "utf8mb3");
-  });
-  EXPECT_EQ(outcome.err, "");
-}
-
-TEST(DbConnect, PrintsTheFailureAndGoesOn) {
-  const Outcome outcome = in_panel([] { EXPECT_EQ(db_connect(), nullptr); });
-  const std::string expected =
-      "Unable to open admin password file: No such file or directory\n"
-      "System error 2: No such file or directory\n";
-  EXPECT_EQ(outcome.err, expected);
-  EXPECT_EQ(outcome.out, expected);
-}
-
-TEST(DbConnect, PrintsTheFailureOfTheServer) {
-  const Outcome outcome = in_panel([] {
-    const MariaDbServer server;
-    write_shadow("wrong\n");
-    errno = 0;
-    EXPECT_EQ(db_connect(), nullptr);
-  });
-  EXPECT_EQ(outcome.err.substr(0, kDenied.size() + 1), kDenied + "\n") << outcome;
-  EXPECT_EQ(outcome.err, outcome.out);
 }

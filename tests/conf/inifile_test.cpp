@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "memory_path.h"
+#include "panel.h"
 #include "support/allocations.h"
 #include "support/child.h"
 #include "support/hidden_text.h"
@@ -248,6 +249,18 @@ TEST(GetIniConfVar, LeavesNothingBehindWhicheverAllocationFails) {
   }
   EXPECT_EQ(nulls, 2) << "the stream and the copy of the value";
   EXPECT_EQ(open_descriptors(), descriptors);
+}
+
+TEST(GetIniConfVar, GivesNoPartOfAValueWhoseReadingStopsPartWay) {
+  in_panel([] {
+    write_file("/mnt/dsn.ini", "[frask]\nkey = " + std::string(100000, 'x') + "\nkey = y\n");
+    for (const char* injection : {"read:error=EIO:when=2", "read:error=EIO:when=2+"}) {
+      SCOPED_TRACE(injection);
+      const Outcome traced =
+          run_injected("/mnt/dsn.ini", injection, {TEMBRIX_READING_HELPER, "ini", "/mnt/dsn.ini"});
+      EXPECT_EQ(traced.out, "null, errno 5\n") << traced;
+    }
+  });
 }
 
 TEST(GetIniConfVar, LeavesNoPasswordInMemory) {

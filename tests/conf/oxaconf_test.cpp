@@ -7,7 +7,9 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "conf_table.h"
@@ -125,19 +127,64 @@ TEST(Autoprepend, LoadsOnce) {
   });
 }
 
-TEST(Autoprepend, LeavesNothingBehindWhenTheFileCannotBeRead) {
+TEST(Autoprepend, LeavesNothingBehindButErrnoWhenTheFileCannotBeRead) {
+  struct Row {
+    const char* what;
+    std::function<void()> make;
+    int error;
+  };
+  const std::vector<Row> rows = {
+      {"no file", [] {}, ENOENT},
+      {"a directory", [] { std::filesystem::create_directories(kConfigurationFile); }, EISDIR},
+      {"a link to itself", [] { ASSERT_EQ(symlink(kConfigurationFile, kConfigurationFile), 0); },
+       ELOOP},
+      {"no rights",
+       [] {
+         write_file(kConfigurationFile, "SNI_SUPPORT false\n", 0);
+         ASSERT_EQ(setuid(65534), 0);
+       },
+       EACCES},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    in_panel([&row] {
+      row.make();
+      const LogRecorder log;
+      errno = EXDEV;
+      EXPECT_EQ(autoprepend(), -1);
+      EXPECT_EQ(errno, row.error);
+      EXPECT_EQ(theOxaConfHash, nullptr);
+      EXPECT_EQ(log.lines().size(), 1U);
+      errno = EXDEV;
+      EXPECT_EQ(oxaConfGet("SNI_SUPPORT"), nullptr);
+      EXPECT_EQ(errno, row.error);
+      errno = EXDEV;
+      EXPECT_STREQ(oxaConfGetDefaultByIndex(OXA_CONF_SNI_SUPPORT), "true");
+      EXPECT_EQ(errno, row.error);
+    });
+  }
+}
+
+TEST(Autoprepend, GivesEnomemWhicheverAllocationFails) {
   in_panel([] {
-    const LogRecorder log;
-    errno = 0;
-    const int absent = autoprepend();
-    const int error = errno;
-    EXPECT_EQ(absent, -1);
-    EXPECT_EQ(error, ENOENT);
-    EXPECT_EQ(theOxaConfHash, nullptr);
-    std::filesystem::create_directories(kConfigurationFile);
-    EXPECT_EQ(autoprepend(), -1);
-    EXPECT_EQ(theOxaConfHash, nullptr);
-    EXPECT_EQ(log.lines().size(), 2U);
+    write_file(kConfigurationFile, "SNI_SUPPORT false\n");
+    int failures = 0;
+    for (unsigned long number = 1;; ++number) {
+      const LogRecorder log;
+      const FailingAllocation failure(number);
+      errno = EXDEV;
+      const int result = autoprepend();
+      const int error = errno;
+      if (!FailingAllocation::happened()) break;
+      if (result == 0) {  // the stream does without a buffer of its own where it gets none
+        conf_free_r(std::exchange(theOxaConfHash, nullptr));
+        continue;
+      }
+      ++failures;
+      ASSERT_EQ(error, ENOMEM) << "allocation " << number;
+      ASSERT_EQ(theOxaConfHash, nullptr);
+    }
+    EXPECT_EQ(failures, 6) << "the table, its slots, the stream, the line, and two strings";
   });
 }
 
@@ -157,7 +204,9 @@ TEST(Autoprepend, ReportsThatThereIsNoMemoryForTheTable) {
     const LogRecorder log;
     {
       const FailingAllocation failure(1);
+      errno = EXDEV;
       EXPECT_EQ(autoprepend(), -1);
+      EXPECT_EQ(errno, ENOMEM) << "the log's own errno is not the loader's";
     }
     EXPECT_EQ(theOxaConfHash, nullptr);
     EXPECT_EQ(log.lines(),
@@ -301,4 +350,5 @@ TEST(ReallocSafe, EndsTheProcessWhenMemoryIsExhausted) {
   EXPECT_EQ(outcome.exit_code(), 1);
   EXPECT_EQ(outcome.out,
             "tool: alloc(4611686018427387903)\nSystem error 12: Cannot allocate memory\n");
+  EXPECT_EQ(outcome.err, outcome.out);
 }

@@ -1,9 +1,16 @@
 #include "panel.h"
 
 #include <gtest/gtest.h>
+#include <net/if.h>
+#include <sched.h>
+#include <stdio.h>
 #include <stdlib.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <exception>
+#include <stdexcept>
 
 #include "support/private_mounts.h"
 
@@ -32,4 +39,23 @@ Outcome in_panel(const std::function<void()>& body) {
   });
   EXPECT_EQ(outcome.exit_code(), 0) << outcome;
   return outcome;
+}
+
+Outcome run_injected(const std::string& path, const std::string& injection,
+                     const std::vector<std::string>& program) {
+  std::vector<std::string> words = {"strace", "-qq", "-o", "/mnt/trace",
+                                    "-P",     path,  "-e", "inject=" + injection};
+  words.insert(words.end(), program.begin(), program.end());
+  return testsupport::run(words, {"", {{"ASAN_OPTIONS", "detect_leaks=0"}}, ""});
+}
+
+void enter_private_network() {
+  if (unshare(CLONE_NEWNET) != 0) throw std::runtime_error("unsharing the network failed");
+  const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  ifreq request = {};
+  snprintf(request.ifr_name, sizeof request.ifr_name, "lo");
+  request.ifr_flags = IFF_UP;
+  const int result = ioctl(fd, SIOCSIFFLAGS, &request);
+  close(fd);
+  if (result != 0) throw std::runtime_error("bringing up the loopback failed");
 }

@@ -81,6 +81,28 @@ TEST(IdnUrlToasciiWithoutMemory, EndsTheProcessWhenThePatternCannotBeCompiled) {
   EXPECT_EQ(outcome.exit_code(), 1);
 }
 
+TEST(IdnUrlToasciiWithoutMemory, ReportsAMatchThatFailsAndGoesOn) {
+  // The C library's regexec() gives REG_NOMATCH for every failure.
+  const std::string exhausted =
+      "regexec() failed: No match\nSystem error 12: Cannot allocate memory\n";
+  int reports = 0;
+  for (unsigned skipped = 0;; ++skipped) {
+    const Outcome outcome = in_child([skipped] {
+      fail_allocations(skipped);
+      const char* ascii = idn_url_toascii("https://user@host/path");
+      if (!stop_failing_allocations()) _exit(kAllSucceeded);
+      _exit(ascii == nullptr ? 2 : 3);
+    });
+    ASSERT_LT(skipped, 10000U);
+    if (outcome.exit_code() == kAllSucceeded) break;
+    if (outcome.err != exhausted) continue;
+    ++reports;
+    ASSERT_EQ(outcome.out, outcome.err);
+    ASSERT_EQ(outcome.exit_code(), 2) << "null, and the process goes on";
+  }
+  EXPECT_GT(reports, 0);
+}
+
 TEST(IdnEmailToasciiWithoutMemory, EndsTheProcessWhenTheAddressCannotBeFormatted) {
   const int ends = count_ends(
       [] {

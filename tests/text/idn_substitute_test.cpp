@@ -7,11 +7,13 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "support/allocations.h"
 #include "support/child.h"
 #include "text/idn.h"
 
 namespace {
 bool host_left_out = false;
+int match_failure = 0;
 bool string_left_on_failure = false;
 }  // namespace
 
@@ -22,8 +24,16 @@ int __real_regexec(const regex_t* pattern, const char* text, size_t count, regma
 int __wrap_regexec(const regex_t* pattern, const char* text, size_t count, regmatch_t* groups,
                    int flags) {
   const int result = __real_regexec(pattern, text, count, groups, flags);
+  if (match_failure != 0) return match_failure;
   if (host_left_out) groups[3].rm_so = groups[3].rm_eo = -1;
   return result;
+}
+
+int __real_idna_to_ascii_8z(const char* input, char** output, int flags);
+int __wrap_idna_to_ascii_8z(const char* input, char** output, int flags) {
+  if (!string_left_on_failure) return __real_idna_to_ascii_8z(input, output, flags);
+  *output = strdup("left behind");
+  return 7;
 }
 
 int __real_idna_to_unicode_8z8z(const char* input, char** output, int flags);
@@ -38,6 +48,7 @@ int __wrap_idna_to_unicode_8z8z(const char* input, char** output, int flags) {
 namespace {
 
 using testsupport::in_child;
+using testsupport::live_blocks;
 using testsupport::Outcome;
 
 TEST(IdnUrlToasciiWithASubstitute, ReportsAMatchWithoutAHost) {
@@ -50,6 +61,28 @@ TEST(IdnUrlToasciiWithASubstitute, ReportsAMatchWithoutAHost) {
   EXPECT_EQ(outcome.exit_code(), 0);
   EXPECT_EQ(outcome.err, "no hostname found in URL\n");
   EXPECT_EQ(outcome.out, outcome.err);
+}
+
+TEST(IdnUrlToasciiWithASubstitute, ReportsAMatchThatFailsByItsOwnText) {
+  const Outcome outcome = in_child([] {
+    match_failure = REG_ESPACE;
+    errno = 0;
+    if (idn_url_toascii("http://host/") != nullptr) _exit(1);
+  });
+  EXPECT_EQ(outcome.exit_code(), 0);
+  EXPECT_EQ(outcome.err, "regexec() failed: Memory exhausted\n");
+  EXPECT_EQ(outcome.out, outcome.err);
+}
+
+TEST(IdnToasciiWithASubstitute, FreesWhatTheLibraryLeft) {
+  const long before = live_blocks();
+  string_left_on_failure = true;
+  const bool failed = idn_toascii("domain") == nullptr;
+  string_left_on_failure = false;
+  const long after = live_blocks();
+  EXPECT_TRUE(failed);
+  EXPECT_EQ(after, before);
+  EXPECT_EQ(idn_errno, 7);
 }
 
 TEST(IdnToutf8WithASubstitute, HandsOnWhatTheLibraryLeft) {

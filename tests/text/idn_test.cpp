@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <limits.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
@@ -9,6 +10,7 @@
 #include <memory>
 #include <string>
 
+#include "endless_text.h"
 #include "log/messlog.h"
 #include "support/child.h"
 
@@ -190,6 +192,21 @@ TEST(IdnEmailToascii, TakesAnyLength) {
   const std::string local(10000, 'l');
   const Owned ascii(idn_email_toascii((local + "@b\u00fccher").c_str()));
   EXPECT_EQ(ascii.get(), local + "@xn--bcher-kva");
+}
+
+TEST(IdnEmailToascii, RefusesALocalPartLongerThanAFormattedTextCanBe) {
+  const EndlessText address("@host");
+  ASSERT_NE(address.get(), nullptr);
+  const Outcome outcome = in_child([&address] {
+    const char* just_too_long = address.get() + EndlessText::kLetters - INT_MAX - 1;
+    for (const char* text : {address.get(), just_too_long}) {
+      idn_errno = kUntouched;
+      if (idn_email_toascii(text) != nullptr) _exit(1);
+      if (idn_errno != 5) _exit(2);
+    }
+  });
+  EXPECT_EQ(outcome.exit_code(), 0);
+  EXPECT_EQ(outcome.out + outcome.err, "");
 }
 
 TEST(IdnEmailToascii, GivesNullSilentlyWithoutAnAt) {

@@ -1,13 +1,14 @@
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <limits.h>
 #include <locale.h>
 #include <string.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <initializer_list>
 #include <string>
 
+#include "endless_text.h"
 #include "log/messlog.h"
 #include "support/child.h"
 #include "text/idn.h"
@@ -40,6 +41,18 @@ void expect_conversions(std::initializer_list<Row> rows) {
     EXPECT_EQ(outcome.err, "");
     EXPECT_EQ(outcome.exit_code(), 0);
   }
+}
+
+void expect_refusal(const std::string& url) {
+  const Outcome outcome = in_child([&url] {
+    idn_errno = 77;
+    errno = 0;
+    if (idn_url_toascii(url.c_str()) != nullptr) _exit(1);
+    if (idn_errno != 5) _exit(2);
+  });
+  EXPECT_EQ(outcome.err, "idn_toascii() failed: Invalid length\n");
+  EXPECT_EQ(outcome.out, outcome.err);
+  EXPECT_EQ(outcome.exit_code(), 0);
 }
 
 TEST(IdnUrlToascii, ConvertsTheHostAndKeepsTheRest) {
@@ -131,34 +144,60 @@ TEST(IdnUrlToascii, OverwritesOneBuffer) {
   EXPECT_STREQ(two, "xn--tda/");
 }
 
-TEST(IdnUrlToascii, CutsAResultAt4095Bytes) {
+TEST(IdnUrlToascii, RefusesAResultOfMoreThan4095Bytes) {
   const std::string head = "https://u@b\u00fccher/";
   const std::string converted = "https://u@xn--bcher-kva/";
   const size_t room = 4095 - converted.size();
-  for (const size_t length : {room - 1, room, room + 1, size_t{100000}}) {
+  for (const size_t length : {room - 1, room}) {
     SCOPED_TRACE(length);
     const std::string path(length, 'p');
-    EXPECT_EQ(idn_url_toascii((head + path).c_str()),
-              converted + path.substr(0, std::min(length, room)));
+    expect_conversions({{head + path, converted + path}});
+  }
+  for (const size_t length : {room + 1, size_t{100000}}) {
+    SCOPED_TRACE(length);
+    expect_refusal(head + std::string(length, 'p'));
   }
 }
 
-TEST(IdnUrlToascii, CutsEveryPartAtTheEndOfTheBuffer) {
-  // A user part that leaves no room, and one that leaves room for half the host.
-  const std::string user(5000, 'u');
-  EXPECT_EQ(idn_url_toascii((user + "@b\u00fccher/x").c_str()), user.substr(0, 4095));
-  const std::string shorter(4090, 'u');
-  EXPECT_EQ(idn_url_toascii((shorter + "@b\u00fccher/x").c_str()), shorter + "@xn--");
-  // A host that does not fit.
+TEST(IdnUrlToascii, RefusesAUrlWhoseUserOrHostFillsTheBuffer) {
+  const std::string user(4090, 'u');
+  expect_conversions({{user + "@host", user + "@host"}});
+  expect_refusal(std::string(5000, 'u') + "@host/x");
+  expect_refusal(user + "@host/x");
+  expect_refusal(user + "@b\u00fccher");
+}
+
+TEST(IdnUrlToascii, RefusesAHostOfMoreThan4095Bytes) {
   std::string host;
-  while (host.size() < 6000) host += "label.";
-  EXPECT_EQ(idn_url_toascii(host.c_str()), host.substr(0, 4095));
-  // One that grows when it is converted.
+  while (host.size() < 4080) host += "label.";
+  host.resize(4095, 'x');
+  expect_conversions({{host, host}});
+  expect_refusal(host + "x");
   std::string growing;
   while (growing.size() < 4000) growing += "\u00fc.";
-  const std::string result = idn_url_toascii(growing.c_str());
-  EXPECT_EQ(result.size(), 4095U);
-  EXPECT_EQ(result.substr(0, 16), "xn--tda.xn--tda.");
+  expect_refusal(growing);
+}
+
+TEST(IdnUrlToascii, RefusesAUrlLongerThanAPatternCanBeMatchedWith) {
+  const EndlessText url("/");
+  ASSERT_NE(url.get(), nullptr);
+  const Outcome outcome = in_child([&url] {
+    alarm(60);  // regexec() would not return
+    errno = 0;
+    if (idn_url_toascii(url.get() + EndlessText::kLetters + 1 - INT_MAX) != nullptr) _exit(1);
+    if (idn_errno != 5) _exit(2);
+  });
+  EXPECT_EQ(outcome.err, "idn_toascii() failed: Invalid length\n");
+  EXPECT_EQ(outcome.exit_code(), 0);
+}
+
+TEST(IdnUrlToascii, ConvertsAgainAfterARefusal) {
+  const Outcome outcome = in_child([] {
+    if (idn_url_toascii(std::string(5000, 'h').c_str()) != nullptr) _exit(1);
+    const char* ascii = idn_url_toascii("b\u00fccher/x");
+    if (ascii == nullptr || strcmp(ascii, "xn--bcher-kva/x") != 0) _exit(2);
+  });
+  EXPECT_EQ(outcome.exit_code(), 0);
 }
 
 TEST(IdnUrlToascii, ConvertsAlikeInAUtf8Locale) {
