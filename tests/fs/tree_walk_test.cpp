@@ -277,19 +277,21 @@ class Notes final : public frask::TreeAction {
   bool directory_answer = true;
   Lines lines;
 
-  bool on_listed(int /*dir_fd*/, const char* name, unsigned char type) override {
-    if (listed_answer) lines.push_back(std::string("listed ") + name + " " + std::to_string(type));
+  bool on_listed(const frask::Descent& at, unsigned char type) override {
+    if (listed_answer)
+      lines.push_back(std::string("listed ") + at.name() + " " + std::to_string(type));
     return listed_answer;
   }
-  bool on_entry(int dir_fd, const char* name, mode_t mode) override {
-    EXPECT_EQ(faccessat(dir_fd, name, F_OK, AT_SYMLINK_NOFOLLOW), 0);
-    EXPECT_EQ(access(name, F_OK), 0) << "the working directory is the one that holds the entry";
-    lines.push_back((S_ISREG(mode) ? "file " : "other ") + std::string(name));
+  bool on_entry(frask::Descent& at, mode_t mode) override {
+    EXPECT_EQ(faccessat(at.dir_fd(), at.name(), F_OK, AT_SYMLINK_NOFOLLOW), 0);
+    EXPECT_EQ(access(at.name(), F_OK), 0)
+        << "the working directory is the one that holds the entry";
+    lines.push_back((S_ISREG(mode) ? "file " : "other ") + std::string(at.name()));
     return entry_answer;
   }
-  bool on_directory(int dir_fd, const char* name) override {
-    EXPECT_EQ(faccessat(dir_fd, name, F_OK, AT_SYMLINK_NOFOLLOW), 0);
-    lines.push_back(std::string("directory ") + name);
+  bool on_directory(frask::Descent& at) override {
+    EXPECT_EQ(faccessat(at.dir_fd(), at.name(), F_OK, AT_SYMLINK_NOFOLLOW), 0);
+    lines.push_back(std::string("directory ") + at.name());
     return directory_answer;
   }
 };

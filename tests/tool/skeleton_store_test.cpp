@@ -18,24 +18,10 @@ using Lines = std::vector<std::string>;
 
 namespace {
 
-class Store : public ToolTest {
- protected:
-  /// Packs what a script makes in an empty directory as the three types: skel.zip, .tgz, .tar.
-  void pack(const std::string& script) const {
-    shell(
-        "rm -rf skel skel.zip; mkdir skel; cd skel\n" + script +
-        "\ntar -cf ../skel.tar . ; tar -czf ../skel.tgz .; zip -qry ../skel.zip . || [ $? = 12 ]");
-  }
-
-  Outcome install(const std::string& id, const std::string& archive = "skel.tgz") const {
-    return tembrix({"--install-skel", "--filename", at(archive), "--id", id});
-  }
-};
-
-using InstallSkel = Store;
-using RemoveSkel = Store;
-using RemoveForbidEntries = Store;
-using InstallDefault = Store;
+using InstallSkel = StoreTest;
+using RemoveSkel = StoreTest;
+using RemoveForbidEntries = StoreTest;
+using InstallDefault = StoreTest;
 
 }  // namespace
 
