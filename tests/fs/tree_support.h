@@ -41,8 +41,10 @@ void make_chain(const std::filesystem::path& top, int depth, const std::string& 
 /// the working directory.
 void become_nobody_in(const std::filesystem::path& directory);
 
-/// From now on the kernel lacks the system call that changes modes without following links.
-void forget_fchmodat2();
+/// From now on the system call that changes modes without following links fails in this process and
+/// those that it starts: with ENOSYS as where the kernel lacks it, with EPERM as under filters that
+/// are older than the call.
+void refuse_fchmodat2(int error);
 
 /// Lets this process have descriptors below `most` only.
 void limit_descriptors(unsigned most);

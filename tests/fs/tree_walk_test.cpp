@@ -51,8 +51,9 @@ int levels_without_mode(const std::string& top, mode_t mode) {
 }
 
 TEST(TreeWalk, GoesDownADeepTree) {
-  for (const bool few : {false, true}) {
+  for (const auto& [few, old] : {std::pair(false, false), {true, false}, {true, true}}) {
     SCOPED_TRACE(few ? "with 1024 descriptors" : "with the descriptors that there are");
+    SCOPED_TRACE(old ? "on an old system" : "on a young one");
     const ScratchDir scratch(testsupport::memory_directory());
     const std::string top = scratch / "top";
     std::filesystem::create_directory(top);
@@ -61,6 +62,7 @@ TEST(TreeWalk, GoesDownADeepTree) {
     ASSERT_EQ(levels_without_mode(top, 0700), kDeep + 1);
     EXPECT_EQ(in_child([&] {
                 if (few) fstest::limit_descriptors(1024);
+                if (old) fstest::refuse_fchmodat2(ENOSYS);
                 tree_set_perms(top.c_str(), 7, 8, 0640, 0700, 1);
               }),
               ended(0, ""));
@@ -100,16 +102,42 @@ Outcome with_few_descriptors(const std::string& directory, const Walk& walk) {
   });
 }
 
+/// That a run of tree_set_perms() on what is below `top` misses nothing.
+void expect_all_changed(const std::string& top, const std::function<Outcome()>& change) {
+  const size_t entries = tree_listing(top).size();
+  EXPECT_EQ(change(), ended(kReturned, ""));
+  EXPECT_EQ(tree_listing(top).size(), entries);
+  for (const std::string& line : tree_listing(top))
+    EXPECT_TRUE(line.rfind("d 0750 7:8", 0) == 0 || line.rfind("f 0640 7:8", 0) == 0) << line;
+}
+
+TEST(TreeWalk, ChangesAllModesWithoutACallOfItsOwnWhereDescriptorsRunOut) {
+  for (const int refusal : {ENOSYS, EPERM}) {
+    for (const int descriptors : {2, 3, 4, 7, 12}) {
+      SCOPED_TRACE(std::to_string(refusal) + " and " + std::to_string(descriptors));
+      const ScratchDir scratch(testsupport::memory_directory());
+      make_branching_tree(scratch / "top", 12);
+      expect_all_changed(scratch / "top", [&] {
+        return in_child([&] {
+          if (chdir(scratch.path().c_str()) != 0) _exit(97);
+          fstest::refuse_fchmodat2(refusal);
+          fstest::allow_descriptors(descriptors);
+          errno = E2BIG;
+          tree_set_perms("top", 7, 8, 0640, 0750, 1);
+          exit(errno == E2BIG ? kReturned : kReturned + 1);
+        });
+      });
+    }
+  }
+}
+
 TEST(TreeWalk, MissesNothingWhereDescriptorsRunOut) {
   const ScratchDir scratch(testsupport::memory_directory());
   make_branching_tree(scratch / "top", 12);
-  const size_t entries = tree_listing(scratch.path()).size();
-  EXPECT_EQ(with_few_descriptors(scratch.path(),
-                                 [] { return tree_set_perms("top", 7, 8, 0640, 0750, 1); }),
-            ended(kReturned, ""));
-  EXPECT_EQ(tree_listing(scratch.path()).size(), entries);
-  for (const std::string& line : tree_listing(scratch.path()))
-    EXPECT_TRUE(line.rfind("d 0750 7:8", 0) == 0 || line.rfind("f 0640 7:8", 0) == 0) << line;
+  expect_all_changed(scratch / "top", [&] {
+    return with_few_descriptors(scratch.path(),
+                                [] { return tree_set_perms("top", 7, 8, 0640, 0750, 1); });
+  });
   EXPECT_EQ(with_few_descriptors(scratch.path(), [] { return rm_tree_aux("top", 1, 0); }),
             ended(kReturned, ""));
   EXPECT_EQ(tree_listing(scratch.path()), Lines{});
