@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "fs/descent.private.h"
+#include "support/few_descriptors.h"
 #include "support/scratch.h"
 #include "tree_support.h"
 
@@ -67,7 +68,7 @@ TEST(Descent, SparesDescriptorsFromTheBottomUp) {
     const Descent::Level* c = descent.present();
     const Descent::Level* b = c->above.get();
     const Descent::Level* a = b->above.get();
-    fstest::allow_descriptors(0);
+    testsupport::allow_descriptors(0);
     errno = E2BIG;
     bool good = descent.reserve(1) && errno == E2BIG;
     good = good && c->detached() && !b->detached() && !a->detached();
@@ -83,7 +84,7 @@ TEST(Descent, FindsItsWayBackThroughDirectoriesWithoutDescriptors) {
     const std::string start = here();
     for (int level = 0; level < 3; ++level)
       if (!go_down(descent)) return false;
-    fstest::allow_descriptors(0);
+    testsupport::allow_descriptors(0);
     if (!descent.reserve(3)) return false;
     for (const std::string& above : {std::string("b"), std::string("a"), start})
       if (!go_up(descent) || here() != above) return false;
@@ -94,7 +95,7 @@ TEST(Descent, FindsItsWayBackThroughDirectoriesWithoutDescriptors) {
 TEST(Descent, ReservesNoMoreThanThereIs) {
   expect_good([](Descent& descent) {
     if (!go_down(descent)) return false;
-    fstest::allow_descriptors(0);
+    testsupport::allow_descriptors(0);
     const bool reserved = descent.reserve(2);
     return !reserved && errno == EMFILE && descent.reserve(1);
   });
@@ -110,7 +111,7 @@ TEST(Descent, NeverWorksInAnotherDirectoryThanThePresentOne) {
   expect_good([](Descent& descent) {
     if (!go_down(descent) || !go_down(descent)) return false;
     if (chdir("/") != 0) return false;  // as after a way back that failed
-    fstest::allow_descriptors(0);
+    testsupport::allow_descriptors(0);
     return descent.reserve(1) && here() == "b";
   });
 }

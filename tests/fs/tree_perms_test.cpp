@@ -150,6 +150,27 @@ TEST(EitherChange, TakesAFileGivenAsThePathInAnyCase) {
   }
 }
 
+TEST(EitherChange, ChangesTheDirectoryBehindALinkThatASlashFollows) {
+  for (const int refusal : {0, ENOSYS}) {
+    SCOPED_TRACE(refusal);
+    const ScratchDir scratch;
+    write_file(scratch / "dir/file", "");
+    std::filesystem::create_symlink("dir", scratch / "link");
+    std::filesystem::create_symlink("dir/file", scratch / "filelink");
+    const auto outcome = in_child([&] {
+      if (refusal != 0) fstest::refuse_fchmodat2(refusal);
+      for (const fstest::Change& change : changes()) change.run(scratch / "link/", 1);
+    });
+    EXPECT_EQ(outcome, ended(0, ""));
+    EXPECT_EQ(tree_listing(scratch.path()),
+              (Lines{"d 0750 7:8 dir", "f 0640 7:8 dir/file ", "l - 0:0 filelink dir/file",
+                     "l - 0:0 link dir"}));
+    for (const fstest::Change& change : changes())
+      EXPECT_EQ(in_child([&] { change.run(scratch / "filelink/", 1); }),
+                ended(1, report("Unable to get entry ", scratch / "filelink/", ENOTDIR)));
+  }
+}
+
 TEST(EitherChange, LeavesALinkGivenAsThePathAndItsTargetAlone) {
   for (const fstest::Change& change : changes()) {
     SCOPED_TRACE(change.name);

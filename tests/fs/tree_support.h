@@ -46,12 +46,6 @@ void become_nobody_in(const std::filesystem::path& directory);
 /// are older than the call.
 void refuse_fchmodat2(int error);
 
-/// Lets this process have descriptors below `most` only.
-void limit_descriptors(unsigned most);
-
-/// Lets this process have `more` descriptors open at a time besides those that it has.
-void allow_descriptors(int more);
-
 std::string working_directory();
 
 /// The program that runs one routine, under strace with these options, and what it wrote.

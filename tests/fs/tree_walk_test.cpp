@@ -14,6 +14,7 @@
 
 #include "fs/tree.h"
 #include "fs/tree_walk.private.h"
+#include "support/few_descriptors.h"
 #include "support/opaque_malloc.h"
 #include "support/private_mounts.h"
 #include "support/scratch.h"
@@ -61,14 +62,14 @@ TEST(TreeWalk, GoesDownADeepTree) {
     ASSERT_EQ(levels_without_mode(top, 0755), 0);
     ASSERT_EQ(levels_without_mode(top, 0700), kDeep + 1);
     EXPECT_EQ(in_child([&] {
-                if (few) fstest::limit_descriptors(1024);
+                if (few) testsupport::limit_descriptors(1024);
                 if (old) fstest::refuse_fchmodat2(ENOSYS);
                 tree_set_perms(top.c_str(), 7, 8, 0640, 0700, 1);
               }),
               ended(0, ""));
     EXPECT_EQ(levels_without_mode(top, 0700), 0);
     EXPECT_EQ(in_child([&] {
-                if (few) fstest::limit_descriptors(1024);
+                if (few) testsupport::limit_descriptors(1024);
                 rm_tree(top.c_str(), 1);
               }),
               ended(0, ""));
@@ -93,10 +94,10 @@ Outcome with_few_descriptors(const std::string& directory, const Walk& walk) {
   return in_child([&] {
     if (chdir(directory.c_str()) != 0) _exit(97);
     const std::vector<int> open = testsupport::open_descriptors();
-    fstest::allow_descriptors(3);
+    testsupport::allow_descriptors(3);
     const int result = walk();
     if (fstest::working_directory() != directory) _exit(95);
-    fstest::limit_descriptors(64);
+    testsupport::limit_descriptors(64);
     if (testsupport::open_descriptors() != open) _exit(94);
     exit(kReturned + result);
   });
@@ -121,7 +122,7 @@ TEST(TreeWalk, ChangesAllModesWithoutACallOfItsOwnWhereDescriptorsRunOut) {
         return in_child([&] {
           if (chdir(scratch.path().c_str()) != 0) _exit(97);
           fstest::refuse_fchmodat2(refusal);
-          fstest::allow_descriptors(descriptors);
+          testsupport::allow_descriptors(descriptors);
           errno = E2BIG;
           tree_set_perms("top", 7, 8, 0640, 0750, 1);
           exit(errno == E2BIG ? kReturned : kReturned + 1);
@@ -193,7 +194,7 @@ Outcome walk_with_bottom_moved(const ScratchDir& scratch, const std::function<vo
       {SYS_chdir, "", 2}, [&] { std::filesystem::rename(scratch / kChain, scratch / "outside/e"); },
       [&] {
         if (chdir(scratch.path().c_str()) != 0) _exit(97);
-        fstest::allow_descriptors(4);
+        testsupport::allow_descriptors(4);
         walk();
       });
 }

@@ -1,10 +1,9 @@
 // Stores at the limits of the system: deep trees with few descriptors, long paths.
-#include <stdlib.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <filesystem>
 
+#include "support/few_descriptors.h"
 #include "tool/skeleton_store.h"
 #include "tool/tool_fixture.h"
 
@@ -33,20 +32,6 @@ class StoreLimits : public StoreTest {
 /// How a child of the test ends that reports and gives up.
 Outcome failed(const std::string& report) {
   return {report, report, 1 << 8};
-}
-
-void limit_descriptors(rlim_t most) {
-  rlimit limit = {};
-  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(97);
-  limit.rlim_cur = most;
-  if (setrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(97);
-}
-
-/// Lets this process have so many descriptors besides the standard ones.
-void leave_descriptors(rlim_t count) {
-  if (close_range(3, ~0U, 0) != 0) _exit(97);
-  limit_descriptors(3 + count);
-  atexit([] { limit_descriptors(1024); });  // a search for leaks opens files
 }
 
 constexpr int kLevels = 1600;
@@ -82,12 +67,12 @@ TEST_F(StoreLimits, LeaveNoForbiddenEntryHoweverFewDescriptorsThereAre) {
     write_file(at("tree/" + level + "z/.quota"), "");
   }
   // The starting point, a directory, and what the removal of a directory needs.
-  for (rlim_t count = 3; count < 20; ++count) {
+  for (int count = 3; count < 20; ++count) {
     SCOPED_TRACE(count);
     shell("rm -rf copy; cp -r tree copy");
     const Outcome outcome = testsupport::in_child([&] {
       fs::current_path(at("copy"));
-      leave_descriptors(count);
+      testsupport::allow_descriptors(count);
       remove_forbid_entries("section");
       if (!fs::equivalent(fs::current_path(), at("copy"))) _exit(95);
       _exit(0);
@@ -102,7 +87,7 @@ TEST_F(StoreLimits, SayWhereDescriptorsDoNotSufficeForAForbiddenDirectory) {
   write_file(at("section/.quota/file"), "");
   const Outcome outcome = testsupport::in_child([&] {
     fs::current_path(at(""));
-    leave_descriptors(2);
+    testsupport::allow_descriptors(2);
     remove_forbid_entries("section");
   });
   EXPECT_EQ(outcome, failed("Unable to open dir .quota: Too many open files\n\n"
