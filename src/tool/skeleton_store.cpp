@@ -37,10 +37,16 @@ bool is_listed(const char* name, const char* const* list) {
   return false;
 }
 
+/// A path that was cut would be another client's store, or all of them, or the virtual hosts
+/// directory itself. It is refused as the system refuses one that is too long.
 Path store_path(const char* client_id) {
   Path path;
-  snprintf(path.data(), path.size(), "%s/.skel/%s",
-           oxaConfGetDefaultByIndex(OXA_CONF_HTTPD_VHOSTS_D), client_id);
+  const int wanted = snprintf(path.data(), path.size(), "%s/.skel/%s",
+                              oxaConfGetDefaultByIndex(OXA_CONF_HTTPD_VHOSTS_D), client_id);
+  if (wanted < 0 || static_cast<size_t>(wanted) >= path.size()) {
+    errno = ENAMETOOLONG;
+    messlog2(1, 1, "Unable to check directory entry %s: %s\n", path.data(), strerror(errno));
+  }
   return path;
 }
 

@@ -21,6 +21,16 @@ class StoreLimits : public StoreTest {
         {"/bin/sh", "-c", std::string("ulimit -n 256; exec ") + TEMBRIX_PROGRAM + " " + words});
   }
 
+  /// A virtual hosts directory whose path has this length.
+  static std::string configured_directory(size_t length) {
+    std::string path = "/var/www";
+    while (length - path.size() > 250) path += "/" + std::string(199, 'a');
+    path += "/" + std::string(length - path.size() - 1, 'a');
+    fs::create_directories(path);
+    write_file("/etc/oxa/oxa.conf", "HTTPD_VHOSTS_D " + path + "\n");
+    return path;
+  }
+
   /// How many entries below a directory are of this name, however deep.
   static long entries(const std::string& directory, const std::string& name) {
     const Outcome found = testsupport::run({"find", directory, "-name", name, "-printf", "."});
@@ -92,4 +102,59 @@ TEST_F(StoreLimits, SayWhereDescriptorsDoNotSufficeForAForbiddenDirectory) {
   });
   EXPECT_EQ(outcome, failed("Unable to open dir .quota: Too many open files\n\n"
                             "System error 24: Too many open files\n"));
+}
+
+TEST_F(StoreLimits, TakePathsOf4095Bytes) {
+  const std::string vhosts = configured_directory(4095 - std::string("/.skel/77").size());
+  const std::string path = vhosts + "/.skel/77";
+  ASSERT_EQ(path.size(), 4095U);
+  fs::create_directories(path);
+  shell("cd " + path + "; mkdir old");
+  write_file(at("a.tar"), "");
+  const Outcome outcome =
+      tembrix({"--install-skel", "--force-type", "tar", "--filename", at("a.tar"), "--id", "77"});
+  EXPECT_EQ(outcome.out.substr(outcome.out.size() - 17), "Exit status -1\n0\n")
+      << "the command does not fit, which is tolerated";
+  EXPECT_EQ(outcome.exit_code(), 0);
+  EXPECT_TRUE(fs::is_empty(path));
+  shell("cd " + path + "; mkdir -p httpdocs/sub");
+  EXPECT_EQ(tembrix({"--remove-skel", "--id", "77"}), answer(0));
+  EXPECT_TRUE(fs::is_empty(vhosts + "/.skel"));
+}
+
+TEST_F(StoreLimits, RefuseLongerPathsAndTouchNothing) {
+  write_file(at("a.tar"), "");
+  struct Row {
+    const char* left;  ///< what a path of 4095 bytes holds behind the virtual hosts directory
+    const char* id;
+  };
+  for (const Row& row :
+       {Row{"/.skel/77", "778"}, {"/.skel/", "7"}, {"/.skel", "7"}, {"/", "7"}, {"", "7"}}) {
+    SCOPED_TRACE(row.left);
+    const std::string vhosts = configured_directory(4095 - std::string(row.left).size());
+    shell("cd " + vhosts + "; mkdir -p .skel/7 .skel/77; touch .skel/7/kept .skel/77/kept kept");
+    const std::string report = "tembrix: Unable to check directory entry " +
+                               (vhosts + "/.skel/" + row.id).substr(0, 4095) +
+                               ": File name too long\n";
+    const Outcome refused = {report, report, 1 << 8};
+    EXPECT_EQ(tembrix({"--remove-skel", "--id", row.id}), refused);
+    EXPECT_EQ(tembrix({"--install-skel", "--force-type", "tar", "--filename", at("a.tar"), "--id",
+                       row.id}),
+              refused);
+    EXPECT_EQ(entries("/var/www", "kept"), 3);
+    shell("rm -rf /var/www/a*");
+  }
+}
+
+TEST_F(StoreLimits, RefuseClientIdsThatAreNoDirectoryName) {
+  for (const size_t length : {256, 4073, 4074, 5000}) {
+    SCOPED_TRACE(length);
+    const std::string id(length, '7');
+    const std::string path = store(id).substr(0, 4095);
+    const Outcome outcome = tembrix({"--remove-skel", "--id", id});
+    EXPECT_EQ(outcome.err.rfind(
+                  "tembrix: Unable to check directory entry " + path + ": File name too long\n", 0),
+              0U);
+    EXPECT_EQ(outcome.exit_code(), 1);
+  }
 }
