@@ -7,9 +7,8 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <memory>
-
 #include "fs/unique_fd.h"
+#include "log/c_string.private.h"
 
 namespace frask {
 
@@ -70,9 +69,6 @@ class DirStream {
 
  private:
   static constexpr size_t kBufferSize = 32768;
-  struct Free {
-    void operator()(char* buffer) const noexcept { free(buffer); }
-  };
 
   bool resize(size_t size) noexcept {
     char* moved = static_cast<char*>(realloc(buffer_.get(), size));
@@ -92,7 +88,7 @@ class DirStream {
   }
 
   UniqueFd fd_;
-  std::unique_ptr<char, Free> buffer_;
+  CString buffer_;
   size_t current_ = 0;
   size_t position_ = 0;
   size_t filled_ = 0;

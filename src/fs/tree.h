@@ -3,8 +3,10 @@
  * Whole directory trees: change of owner and modes, removal.
  *
  * No symbolic link below the given path is followed, and neither is one in its last component: an
- * entry that is swapped for a link in the middle of a walk does not lead outside the tree. What
- * vanishes in the middle of a walk is passed over, so two processes may remove one tree.
+ * entry that is swapped for a link in the middle of a walk does not lead outside the tree. A slash
+ * behind a link asks for the directory that it leads to (POSIX, Pathname Resolution), at each step
+ * of the walk; that directory can be changed and emptied so, but not removed. What vanishes in the
+ * middle of a walk is passed over, so two processes may remove one tree.
  *
  * The walks change into each directory of the tree and restore the working directory before they
  * return, so they must not run beside other threads. They go down to any depth, however few

@@ -1,16 +1,17 @@
-#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
+#include "fs/mode_setter.private.h"
 #include "fs/tree.h"
 #include "fs/tree_walk.private.h"
 #include "log/messlog.h"
 
 namespace {
+
+using frask::Descent;
 
 /// A change of every regular file and directory of a tree. Its failures end the process.
 class TreeChange : public frask::TreeAction {
@@ -19,9 +20,7 @@ class TreeChange : public frask::TreeAction {
   virtual void on_top_file(const char* path) = 0;
 
   /// A change is not taken back, and a listing may be old: each entry is looked at first.
-  bool on_listed(int /*dir_fd*/, const char* /*name*/, unsigned char /*type*/) override {
-    return false;
-  }
+  bool on_listed(const Descent& /*at*/, unsigned char /*type*/) override { return false; }
 
  protected:
   ~TreeChange() = default;
@@ -31,17 +30,20 @@ class OwnerChange final : public TreeChange {
  public:
   OwnerChange(uid_t owner, gid_t group) : owner_(owner), group_(group) {}
 
-  void on_top_file(const char* path) override { on_entry(AT_FDCWD, path, S_IFREG); }
+  void on_top_file(const char* path) override {
+    if (!changed(AT_FDCWD, path))
+      messlog2(1, 1, "Unable to chown directory entry %s: %s\n", path, strerror(errno));
+  }
 
-  bool on_entry(int dir_fd, const char* name, mode_t mode) override {
-    if (S_ISREG(mode) && !changed(dir_fd, name))
-      messlog2(1, 1, "Unable to chown directory entry %s: %s\n", name, strerror(errno));
+  bool on_entry(Descent& at, mode_t mode) override {
+    if (S_ISREG(mode) && !changed(at.dir_fd(), at.name()))
+      messlog2(1, 1, "Unable to chown directory entry %s: %s\n", at.name(), strerror(errno));
     return true;
   }
 
-  bool on_directory(int dir_fd, const char* name) override {
-    if (!changed(dir_fd, name))
-      messlog2(1, 1, "Unable to chown dir %s: %s\n", name, strerror(errno));
+  bool on_directory(Descent& at) override {
+    if (!changed(at.dir_fd(), at.name()))
+      messlog2(1, 1, "Unable to chown dir %s: %s\n", at.name(), strerror(errno));
     return true;
   }
 
@@ -59,49 +61,37 @@ class ModeChange final : public TreeChange {
   ModeChange(mode_t file_mode, mode_t dir_mode) : file_mode_(file_mode), dir_mode_(dir_mode) {}
 
   void on_top_file(const char* path) override {
-    if (!changed(AT_FDCWD, path, file_mode_))
+    if (!setter_.set(AT_FDCWD, path, file_mode_) && errno != ENOENT)
       messlog2(1, 1, "Unable to chmod entry %s: %s\n", path, strerror(errno));
   }
 
-  bool on_entry(int dir_fd, const char* name, mode_t mode) override {
-    if (S_ISREG(mode) && !changed(dir_fd, name, file_mode_))
-      messlog2(1, 1, "Unable to chmod directory entry %s: %s\n", name, strerror(errno));
+  bool on_entry(Descent& at, mode_t mode) override {
+    if (S_ISREG(mode) && !changed(at, file_mode_))
+      messlog2(1, 1, "Unable to chmod directory entry %s: %s\n", at.name(), strerror(errno));
     return true;
   }
 
-  bool on_directory(int dir_fd, const char* name) override {
-    if (!changed(dir_fd, name, dir_mode_))
-      messlog2(1, 1, "Unable to chmod dir %s: %s\n", name, strerror(errno));
+  bool on_directory(Descent& at) override {
+    if (!changed(at, dir_mode_))
+      messlog2(1, 1, "Unable to chmod dir %s: %s\n", at.name(), strerror(errno));
     return true;
   }
 
  private:
-#ifdef SYS_fchmodat2
-  static constexpr long kFchmodat2 = SYS_fchmodat2;
-#else
-  static constexpr long kFchmodat2 = 452;  // the number is younger than the C library's headers
-#endif
-
-  bool changed(int dir_fd, const char* name, mode_t mode) {
-    return set_mode(dir_fd, name, mode) == 0 || errno == ENOENT;
-  }
-
-  /// The C library reaches an entry without following links through "/proc/self/fd", for four
-  /// system calls; the kernel does it in one since Linux 6.6.
-  int set_mode(int dir_fd, const char* name, mode_t mode) {
+  /// Whether the entry in hand has the mode, or is gone.
+  bool changed(Descent& at, mode_t mode) {
     const int error = errno;
-    if (has_fchmodat2_) {
-      const long result = ::syscall(kFchmodat2, dir_fd, name, mode, AT_SYMLINK_NOFOLLOW);
-      if (result == 0 || errno != ENOSYS) return static_cast<int>(result);
-      has_fchmodat2_ = false;
+    if (setter_.set(at.dir_fd(), at.name(), mode)) return true;
+    if ((errno == EMFILE || errno == ENFILE) && at.reserve(1)) {
       errno = error;
+      if (setter_.set(at.dir_fd(), at.name(), mode)) return true;
     }
-    return ::fchmodat(dir_fd, name, mode, AT_SYMLINK_NOFOLLOW);
+    return errno == ENOENT;
   }
 
   mode_t file_mode_;
   mode_t dir_mode_;
-  bool has_fchmodat2_ = true;
+  frask::ModeSetter setter_;
 };
 
 void change_tree(const char* path, int include_top, TreeChange& change) {

@@ -12,6 +12,8 @@
 
 namespace {
 
+using frask::Descent;
+
 /// Whether an entry is no longer there.
 bool removed(int dir_fd, const char* name, int flags) {
   return ::unlinkat(dir_fd, name, flags) == 0 || errno == ENOENT;
@@ -19,19 +21,19 @@ bool removed(int dir_fd, const char* name, int flags) {
 
 class Removal final : public frask::TreeAction {
  public:
-  bool on_listed(int dir_fd, const char* name, unsigned char type) override {
-    return type != DT_DIR && type != DT_UNKNOWN && removed(dir_fd, name, 0);
+  bool on_listed(const Descent& at, unsigned char type) override {
+    return type != DT_DIR && type != DT_UNKNOWN && removed(at.dir_fd(), at.name(), 0);
   }
 
-  bool on_entry(int dir_fd, const char* name, mode_t /*mode*/) override {
-    if (removed(dir_fd, name, 0)) return true;
-    messlog2(0, 1, "Unable to unlink directory entry %s: %s\n", name, strerror(errno));
+  bool on_entry(Descent& at, mode_t /*mode*/) override {
+    if (removed(at.dir_fd(), at.name(), 0)) return true;
+    messlog2(0, 1, "Unable to unlink directory entry %s: %s\n", at.name(), strerror(errno));
     return false;
   }
 
-  bool on_directory(int dir_fd, const char* name) override {
-    if (removed(dir_fd, name, AT_REMOVEDIR)) return true;
-    messlog2(0, 1, "Unable to remove dir %s: %s\n", name, strerror(errno));
+  bool on_directory(Descent& at) override {
+    if (removed(at.dir_fd(), at.name(), AT_REMOVEDIR)) return true;
+    messlog2(0, 1, "Unable to remove dir %s: %s\n", at.name(), strerror(errno));
     return false;
   }
 };

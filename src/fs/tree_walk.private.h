@@ -4,21 +4,23 @@
 
 #include <sys/stat.h>
 
+#include "fs/descent.private.h"
+
 namespace frask {
 
-/// What a walk does to the entries of a tree. Names are relative to the directory `dir_fd`, which
-/// may be AT_FDCWD. Each routine reports its own failure and then returns false; an entry that is
-/// gone (ENOENT) is no failure.
+/// What a walk does to the entries of a tree, each of which it is given as the entry in hand of
+/// `at`, with the directory that holds it as the working directory. Each routine reports its own
+/// failure and then returns false; an entry that is gone (ENOENT) is no failure.
 class TreeAction {
  public:
   /// An entry as its directory lists it, of `type` (a DT_ constant). Most can be dealt with at
   /// once, and looking at each of them first would cost half as much again. False, with nothing
   /// reported, where that is not so or did not work: the entry is then looked at.
-  virtual bool on_listed(int dir_fd, const char* name, unsigned char type) = 0;
+  virtual bool on_listed(const Descent& at, unsigned char type) = 0;
   /// An entry that was looked at: it is of the type `mode`, and not a directory.
-  virtual bool on_entry(int dir_fd, const char* name, mode_t mode) = 0;
+  virtual bool on_entry(Descent& at, mode_t mode) = 0;
   /// A directory whose contents have been walked.
-  virtual bool on_directory(int dir_fd, const char* name) = 0;
+  virtual bool on_directory(Descent& at) = 0;
 
  protected:
   ~TreeAction() = default;

@@ -13,6 +13,7 @@
 
 #include "conf/database.h"
 #include "exec/forkexec.h"
+#include "exec/keep_errno.private.h"
 #include "log/c_string.private.h"
 #include "log/messlog.h"
 
@@ -108,10 +109,17 @@ int run_formed(const Command& command, int wanted) {
   return -1;
 }
 
-bool is_too_large(const struct stat& archive, MYSQL* connection) {
+/// What the client library tries in vain, or waits for, is no failure of ours: it must not show in
+/// the reports that follow.
+bool counts_length(MYSQL* connection) {
+  const frask::KeepErrno keep;
   const char* counting = get_param("size_count_type", connection);
-  const bool by_length = counting != nullptr && strcmp(counting, "byte") == 0;
-  return (by_length ? archive.st_size : archive.st_blocks * kBlockSize) > kSizeLimit;
+  return counting != nullptr && strcmp(counting, "byte") == 0;
+}
+
+bool is_too_large(const struct stat& archive, MYSQL* connection) {
+  const off_t size = counts_length(connection) ? archive.st_size : archive.st_blocks * kBlockSize;
+  return size > kSizeLimit;
 }
 
 }  // namespace
@@ -139,8 +147,10 @@ int testSupport(const ArchiveDescriptor* descriptor) {
 int testIntegrity(const ArchiveDescriptor* descriptor) {
   // The process ends right after; static, so that the handle is not lost but left to its end.
   static MYSQL* connection = nullptr;
+  const int error = errno;
   connection = db_connect();
   if (connection == nullptr) messlog2(1, 1, "Unable to connect to the mysql database\n");
+  errno = error;  // as in counts_length()
   struct stat archive = {};
   if (stat(descriptor->file_name, &archive) != 0)
     messlog2(1, 1, "Unable to check directory entry %s: %s\n", descriptor->file_name,

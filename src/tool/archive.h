@@ -52,8 +52,8 @@ FRASK_API int testSupport(const ArchiveDescriptor* descriptor);
  *
  * @return 0 good; 1 too large, reported; 2 the archive tool refused it or its command does not fit
  *         into 4096 bytes, reported, or there is no command. The process ends with status 1 when
- * the database cannot be reached or the file cannot be examined. The database connection is left to
- * process exit.
+ *         the database cannot be reached or the file cannot be examined. Other reports carry no
+ *         errno of the database's. The database connection is left to process exit.
  */
 FRASK_API int testIntegrity(const ArchiveDescriptor* descriptor);
 

@@ -8,8 +8,11 @@
 #include <unistd.h>
 
 #include <array>
+#include <memory>
+#include <utility>
 
 #include "conf/oxaconf.h"
+#include "fs/descent.private.h"
 #include "fs/dir_stream.h"
 #include "fs/tree.h"
 #include "fs/unique_fd.h"
@@ -20,6 +23,7 @@ const char* const forbidden_subs_entry[2] = {".quota", nullptr};
 
 namespace {
 
+using frask::Descent;
 using frask::DirStream;
 using frask::UniqueFd;
 
@@ -33,10 +37,16 @@ bool is_listed(const char* name, const char* const* list) {
   return false;
 }
 
+/// A path that was cut would be another client's store, or all of them, or the virtual hosts
+/// directory itself. It is refused as the system refuses one that is too long.
 Path store_path(const char* client_id) {
   Path path;
-  snprintf(path.data(), path.size(), "%s/.skel/%s",
-           oxaConfGetDefaultByIndex(OXA_CONF_HTTPD_VHOSTS_D), client_id);
+  const int wanted = snprintf(path.data(), path.size(), "%s/.skel/%s",
+                              oxaConfGetDefaultByIndex(OXA_CONF_HTTPD_VHOSTS_D), client_id);
+  if (wanted < 0 || static_cast<size_t>(wanted) >= path.size()) {
+    errno = ENAMETOOLONG;
+    messlog2(1, 1, "Unable to check directory entry %s: %s\n", path.data(), strerror(errno));
+  }
   return path;
 }
 
@@ -62,27 +72,55 @@ void close_directory(DirStream& directory, const char* name) {
   if (directory.close() != 0) messlog2(1, 1, "Unable to close dir %s: %s\n", name, strerror(errno));
 }
 
-/// Cleans the directory `name` below `parent`, which is the current directory and is so again
-/// afterwards.
-void clean_directory(int parent, const char* name) {
-  DirStream directory;
-  if (!directory.open(parent, name))
-    messlog2(1, 1, "Unable to open dir %s: %s\n", name, strerror(errno));
-  change_into(directory, name);
-  while (const DirStream::Entry* entry = directory.next()) {
-    const bool descend = is_directory(directory.fd(), entry->d_name) && entry->d_name[0] != '.';
+/// The walk of remove_forbid_entries() through a directory of the current one, which is the current
+/// one again afterwards.
+class Cleaning {
+ public:
+  Cleaning(UniqueFd here, const char* path) : descent_(std::move(here), path) {}
+
+  void run() {
+    enter();
+    while (descent_.present() != nullptr) step(descent_.present()->dir);
+  }
+
+ private:
+  void enter() {
+    std::unique_ptr<Descent::Level> opened = descent_.open();
+    if (!opened)
+      messlog2(1, 1, "Unable to open dir %s: %s\n", descent_.name(), strerror(errno));
+    else if (!descent_.enter(std::move(opened)))
+      messlog2(1, 1, "Unable to change dir %s: %s\n", descent_.name(), strerror(errno));
+  }
+
+  void step(DirStream& directory) {
+    const DirStream::Entry* entry = directory.next();
+    if (entry == nullptr) return leave();
+    const bool is_dir = is_directory(descent_.dir_fd(), entry->d_name);
     // Deliberate: hidden directories are not entered; their owners keep what is in them.
     // Pinned by RemoveForbidEntries.NeverEntersHiddenDirectories.
     if (is_listed(entry->d_name, forbidden_subs_entry))
-      rm_tree(entry->d_name, 1);
-    else if (descend)
-      clean_directory(directory.fd(), entry->d_name);
+      remove_forbidden(is_dir);
+    else if (is_dir && entry->d_name[0] != '.')
+      enter();
   }
-  require_whole_listing(directory, name);
-  if (fchdir(parent) != 0)  // not "..": the directory may have been moved meanwhile
-    messlog2(1, 1, "Unable to change dir %s: %s\n", "..", strerror(errno));
-  close_directory(directory, name);
-}
+
+  void remove_forbidden(bool is_dir) {
+    constexpr int kOfRmTree = 2;  // what it needs for a directory, however deep
+    // Where that fails, rm_tree() meets the same shortage and reports it.
+    if (is_dir) static_cast<void>(descent_.reserve(kOfRmTree));
+    rm_tree(descent_.name(), 1);
+  }
+
+  void leave() {
+    const std::unique_ptr<Descent::Level> left = descent_.leave();
+    require_whole_listing(left->dir, descent_.name());
+    if (!descent_.return_to_present())
+      messlog2(1, 1, "Unable to change dir %s: %s\n", "..", strerror(errno));
+    close_directory(left->dir, descent_.name());
+  }
+
+  Descent descent_;
+};
 
 /// An ordinary client may not supply a "conf" section; only the client "0", the panel itself, may.
 bool may_keep(const char* name, const char* client_id) {
@@ -134,9 +172,9 @@ void remove_forbid_entries(const char* path) {
     return;
   }
   if (!is_directory(AT_FDCWD, path)) return;
-  const UniqueFd here(open(".", O_PATH | O_DIRECTORY | O_CLOEXEC));
+  UniqueFd here(open(".", O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (!here) messlog2(1, 1, "Unable to open dir %s: %s\n", ".", strerror(errno));
-  clean_directory(here.get(), path);
+  Cleaning(std::move(here), path).run();
 }
 
 int rm_entry(const char* path) {

@@ -1,8 +1,13 @@
 /**
  * @file
  * The clients' skeletons: client N's is the directory ".skel/N" below the virtual hosts directory
- * (HTTPD_VHOSTS_D). The walks change the working directory of the process, so nothing else may run
- * in it meanwhile, and two installs for one client are not guarded against each other.
+ * (HTTPD_VHOSTS_D). Its path has at most 4095 bytes. A longer one is cut for the report only, which
+ * ends the process with status 1 before anything is touched ("Unable to check directory entry",
+ * ENAMETOOLONG): what is left of it may be another client's, or the virtual hosts directory itself.
+ *
+ * The walks change the working directory of the process, so nothing else may run in it meanwhile,
+ * and two installs for one client are not guarded against each other. They go down to any depth,
+ * however few descriptors the process may open.
  */
 #ifndef FRASK_TOOL_SKELETON_STORE_H
 #define FRASK_TOOL_SKELETON_STORE_H

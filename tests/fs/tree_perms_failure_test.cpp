@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "fs/tree.h"
+#include "support/few_descriptors.h"
 #include "support/private_mounts.h"
 #include "support/scratch.h"
 #include "support/stopped_child.h"
@@ -241,12 +242,12 @@ TEST(EitherChange, EndsWhereDescriptorsRunOutAtTheStart) {
     write_file(scratch / "file", "");
     const std::string top = scratch.path();
     EXPECT_EQ(in_child([&] {
-                fstest::allow_descriptors(0);
+                testsupport::allow_descriptors(0);
                 change.run(top, 1);
               }),
               ended(1, report("Unable to get file descriptor of current dir", "", EMFILE)));
     EXPECT_EQ(in_child([&] {
-                fstest::allow_descriptors(1);
+                testsupport::allow_descriptors(1);
                 change.run(top, 1);
               }),
               ended(1, report("Unable to open dir ", top, EMFILE)));

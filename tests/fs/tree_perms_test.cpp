@@ -1,6 +1,7 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -88,34 +89,40 @@ TEST(ChmodTree, WorksOnContentsBeforeADirectoryIsClosedToIt) {
             (Lines{"d 0000 65534:65534 sub", "f 0000 65534:65534 sub/file "}));
 }
 
-TEST(ChmodTree, WorksWhereTheKernelLacksTheCallOfItsOwn) {
-  const ScratchDir scratch;
-  fstest::make_each_type(scratch.path());
-  const auto outcome = in_child([&] {
-    fstest::forget_fchmodat2();
-    errno = E2BIG;
-    chmod_tree(scratch.path().c_str(), 0640, 0750, 1);
-    if (errno != E2BIG) _exit(1);
-    chmod_tree((scratch / "dangling").c_str(), 0640, 0750, 1);
-    chmod_tree((scratch / "file").c_str(), 0600, 0750, 1);
-  });
-  EXPECT_EQ(outcome, ended(0, ""));
-  EXPECT_EQ(mode_of(scratch.path()), 0750U);
-  EXPECT_EQ(mode_of(scratch / "dir"), 0750U);
-  EXPECT_EQ(mode_of(scratch / "dir/file"), 0640U);
-  EXPECT_EQ(mode_of(scratch / "file"), 0600U);
-  EXPECT_EQ(mode_of(scratch / "pipe"), 0604U);
+TEST(ChmodTree, WorksWhereTheCallOfItsOwnIsRefused) {
+  for (const int error : {ENOSYS, EPERM}) {
+    SCOPED_TRACE(strerror(error));
+    const ScratchDir scratch;
+    fstest::make_each_type(scratch.path());
+    const auto outcome = in_child([&] {
+      fstest::refuse_fchmodat2(error);
+      errno = E2BIG;
+      chmod_tree(scratch.path().c_str(), 0640, 0750, 1);
+      if (errno != E2BIG) _exit(1);
+      chmod_tree((scratch / "dangling").c_str(), 0640, 0750, 1);
+      chmod_tree((scratch / "file").c_str(), 0600, 0750, 1);
+    });
+    EXPECT_EQ(outcome, ended(0, ""));
+    EXPECT_EQ(mode_of(scratch.path()), 0750U);
+    EXPECT_EQ(mode_of(scratch / "dir"), 0750U);
+    EXPECT_EQ(mode_of(scratch / "dir/file"), 0640U);
+    EXPECT_EQ(mode_of(scratch / "file"), 0600U);
+    EXPECT_EQ(mode_of(scratch / "pipe"), 0604U);
+  }
 }
 
-TEST(ChmodTree, ReportsAFailureWhereTheKernelLacksTheCallOfItsOwn) {
-  const ScratchDir scratch;
-  write_file(scratch / "file", "");
-  ASSERT_TRUE(testsupport::set_immutable(scratch / "file", true));
-  const auto outcome = in_child([&] {
-    fstest::forget_fchmodat2();
-    chmod_tree(scratch.path().c_str(), 0640, 0750, 1);
-  });
-  EXPECT_EQ(outcome, ended(1, report("Unable to chmod directory entry ", "file", EPERM)));
+TEST(ChmodTree, ReportsAFailureWhereTheCallOfItsOwnIsRefused) {
+  for (const int error : {ENOSYS, EPERM}) {
+    SCOPED_TRACE(strerror(error));
+    const ScratchDir scratch;
+    write_file(scratch / "file", "");
+    ASSERT_TRUE(testsupport::set_immutable(scratch / "file", true));
+    const auto outcome = in_child([&] {
+      fstest::refuse_fchmodat2(error);
+      chmod_tree(scratch.path().c_str(), 0640, 0750, 1);
+    });
+    EXPECT_EQ(outcome, ended(1, report("Unable to chmod directory entry ", "file", EPERM)));
+  }
 }
 
 TEST(EitherChange, TakesTheTopDirectoryOnlyWhenAsked) {
@@ -140,6 +147,27 @@ TEST(EitherChange, TakesAFileGivenAsThePathInAnyCase) {
       change.run(scratch / "file", include_top);
       EXPECT_NE(tree_listing(scratch.path()), Lines{"f 0644 0:0 file "});
     }
+  }
+}
+
+TEST(EitherChange, ChangesTheDirectoryBehindALinkThatASlashFollows) {
+  for (const int refusal : {0, ENOSYS}) {
+    SCOPED_TRACE(refusal);
+    const ScratchDir scratch;
+    write_file(scratch / "dir/file", "");
+    std::filesystem::create_symlink("dir", scratch / "link");
+    std::filesystem::create_symlink("dir/file", scratch / "filelink");
+    const auto outcome = in_child([&] {
+      if (refusal != 0) fstest::refuse_fchmodat2(refusal);
+      for (const fstest::Change& change : changes()) change.run(scratch / "link/", 1);
+    });
+    EXPECT_EQ(outcome, ended(0, ""));
+    EXPECT_EQ(tree_listing(scratch.path()),
+              (Lines{"d 0750 7:8 dir", "f 0640 7:8 dir/file ", "l - 0:0 filelink dir/file",
+                     "l - 0:0 link dir"}));
+    for (const fstest::Change& change : changes())
+      EXPECT_EQ(in_child([&] { change.run(scratch / "filelink/", 1); }),
+                ended(1, report("Unable to get entry ", scratch / "filelink/", ENOTDIR)));
   }
 }
 

@@ -9,6 +9,7 @@
 #include <map>
 
 #include "fs/tree.h"
+#include "support/few_descriptors.h"
 #include "support/private_mounts.h"
 #include "support/scratch.h"
 #include "support/stopped_child.h"
@@ -281,7 +282,7 @@ TEST(RmTreeAux, ReportsDescriptorsThatRunOutAtTheStart) {
   write_file(scratch / "top/file", "");
   const auto with_descriptors = [&](int more) {
     return in_child([&] {
-      fstest::allow_descriptors(more);
+      testsupport::allow_descriptors(more);
       _exit(kReturned + rm_tree_aux((scratch / "top").c_str(), 1, 0));
     });
   };

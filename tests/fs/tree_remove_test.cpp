@@ -62,6 +62,27 @@ TEST(RmTree, RemovesTheLinkNotItsTarget) {
             (Lines{"d 0755 0:0 target", "f 0644 0:0 target/file kept"}));
 }
 
+TEST(RmTreeAux, EmptiesTheDirectoryBehindALinkThatASlashFollows) {
+  for (const int remove_top : {0, 1}) {
+    SCOPED_TRACE(remove_top);
+    const ScratchDir scratch;
+    write_file(scratch / "target/sub/file", "");
+    std::filesystem::create_symlink("target", scratch / "top");
+    const std::string path = scratch / "top/";
+    const auto outcome = in_child([&] { _exit(rm_tree_aux(path.c_str(), remove_top, 1)); });
+    const std::string unremoved = fstest::report("Unable to remove dir ", path, ENOTDIR);
+    EXPECT_EQ(outcome, remove_top == 0 ? ended(0, "") : ended(1, unremoved));
+    EXPECT_EQ(tree_listing(scratch.path()), (Lines{"d 0755 0:0 target", "l - 0:0 top target"}));
+  }
+}
+
+TEST(RmTreeAux, RemovesADirectoryThatASlashFollows) {
+  const ScratchDir scratch;
+  write_file(scratch / "top/file", "");
+  EXPECT_EQ(rm_tree_aux((scratch / "top/").c_str(), 1, 1), 0);
+  EXPECT_EQ(tree_listing(scratch.path()), Lines{});
+}
+
 TEST(RmTree, DoesNothingAboutAMissingPath) {
   const auto outcome = in_child([] {
     rm_tree("/nonexistent/top", 1);

@@ -8,7 +8,6 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -16,7 +15,6 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <stdexcept>
 
 #include "fs/tree.h"
@@ -28,7 +26,6 @@ namespace fstest {
 namespace {
 
 constexpr long kFchmodat2 = 452;
-constexpr unsigned kAllDescriptors = ~0U;
 
 void require(bool done, const std::string& what) {
   if (!done) throw std::runtime_error(what + ": " + strerror(errno));
@@ -105,33 +102,17 @@ void become_nobody_in(const fs::path& directory) {
     _exit(97);
 }
 
-void forget_fchmodat2() {
+void refuse_fchmodat2(int error) {
   sock_filter filter[] = {
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
       BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<__u32>(kFchmodat2), 0, 1),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<__u32>(error)),
       BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
   };
   const sock_fprog program = {sizeof filter / sizeof filter[0], filter};
   if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
       prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program, 0, 0) != 0)
     _exit(97);
-}
-
-void limit_descriptors(unsigned most) {
-  rlimit limit = {};
-  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(97);
-  limit.rlim_cur = std::min(rlim_t{most}, limit.rlim_max);
-  if (setrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(97);
-  // At the end of the process a search for leaks opens files.
-  if (most != kAllDescriptors) atexit([] { limit_descriptors(kAllDescriptors); });
-}
-
-void allow_descriptors(int more) {
-  int limit = 0;
-  for (int free = 0; free <= more; ++limit)
-    if (fcntl(limit, F_GETFD) < 0) ++free;
-  limit_descriptors(static_cast<unsigned>(limit - 1));
 }
 
 std::string working_directory() {

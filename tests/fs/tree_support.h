@@ -41,14 +41,10 @@ void make_chain(const std::filesystem::path& top, int depth, const std::string& 
 /// the working directory.
 void become_nobody_in(const std::filesystem::path& directory);
 
-/// From now on the kernel lacks the system call that changes modes without following links.
-void forget_fchmodat2();
-
-/// Lets this process have descriptors below `most` only.
-void limit_descriptors(unsigned most);
-
-/// Lets this process have `more` descriptors open at a time besides those that it has.
-void allow_descriptors(int more);
+/// From now on the system call that changes modes without following links fails in this process and
+/// those that it starts: with ENOSYS as where the kernel lacks it, with EPERM as under filters that
+/// are older than the call.
+void refuse_fchmodat2(int error);
 
 std::string working_directory();
 

@@ -14,6 +14,7 @@
 
 #include "fs/tree.h"
 #include "fs/tree_walk.private.h"
+#include "support/few_descriptors.h"
 #include "support/opaque_malloc.h"
 #include "support/private_mounts.h"
 #include "support/scratch.h"
@@ -51,8 +52,9 @@ int levels_without_mode(const std::string& top, mode_t mode) {
 }
 
 TEST(TreeWalk, GoesDownADeepTree) {
-  for (const bool few : {false, true}) {
+  for (const auto& [few, old] : {std::pair(false, false), {true, false}, {true, true}}) {
     SCOPED_TRACE(few ? "with 1024 descriptors" : "with the descriptors that there are");
+    SCOPED_TRACE(old ? "on an old system" : "on a young one");
     const ScratchDir scratch(testsupport::memory_directory());
     const std::string top = scratch / "top";
     std::filesystem::create_directory(top);
@@ -60,13 +62,14 @@ TEST(TreeWalk, GoesDownADeepTree) {
     ASSERT_EQ(levels_without_mode(top, 0755), 0);
     ASSERT_EQ(levels_without_mode(top, 0700), kDeep + 1);
     EXPECT_EQ(in_child([&] {
-                if (few) fstest::limit_descriptors(1024);
+                if (few) testsupport::limit_descriptors(1024);
+                if (old) fstest::refuse_fchmodat2(ENOSYS);
                 tree_set_perms(top.c_str(), 7, 8, 0640, 0700, 1);
               }),
               ended(0, ""));
     EXPECT_EQ(levels_without_mode(top, 0700), 0);
     EXPECT_EQ(in_child([&] {
-                if (few) fstest::limit_descriptors(1024);
+                if (few) testsupport::limit_descriptors(1024);
                 rm_tree(top.c_str(), 1);
               }),
               ended(0, ""));
@@ -91,25 +94,51 @@ Outcome with_few_descriptors(const std::string& directory, const Walk& walk) {
   return in_child([&] {
     if (chdir(directory.c_str()) != 0) _exit(97);
     const std::vector<int> open = testsupport::open_descriptors();
-    fstest::allow_descriptors(3);
+    testsupport::allow_descriptors(3);
     const int result = walk();
     if (fstest::working_directory() != directory) _exit(95);
-    fstest::limit_descriptors(64);
+    testsupport::limit_descriptors(64);
     if (testsupport::open_descriptors() != open) _exit(94);
     exit(kReturned + result);
   });
 }
 
+/// That a run of tree_set_perms() on what is below `top` misses nothing.
+void expect_all_changed(const std::string& top, const std::function<Outcome()>& change) {
+  const size_t entries = tree_listing(top).size();
+  EXPECT_EQ(change(), ended(kReturned, ""));
+  EXPECT_EQ(tree_listing(top).size(), entries);
+  for (const std::string& line : tree_listing(top))
+    EXPECT_TRUE(line.rfind("d 0750 7:8", 0) == 0 || line.rfind("f 0640 7:8", 0) == 0) << line;
+}
+
+TEST(TreeWalk, ChangesAllModesWithoutACallOfItsOwnWhereDescriptorsRunOut) {
+  for (const int refusal : {ENOSYS, EPERM}) {
+    for (const int descriptors : {2, 3, 4, 7, 12}) {
+      SCOPED_TRACE(std::to_string(refusal) + " and " + std::to_string(descriptors));
+      const ScratchDir scratch(testsupport::memory_directory());
+      make_branching_tree(scratch / "top", 12);
+      expect_all_changed(scratch / "top", [&] {
+        return in_child([&] {
+          if (chdir(scratch.path().c_str()) != 0) _exit(97);
+          fstest::refuse_fchmodat2(refusal);
+          testsupport::allow_descriptors(descriptors);
+          errno = E2BIG;
+          tree_set_perms("top", 7, 8, 0640, 0750, 1);
+          exit(errno == E2BIG ? kReturned : kReturned + 1);
+        });
+      });
+    }
+  }
+}
+
 TEST(TreeWalk, MissesNothingWhereDescriptorsRunOut) {
   const ScratchDir scratch(testsupport::memory_directory());
   make_branching_tree(scratch / "top", 12);
-  const size_t entries = tree_listing(scratch.path()).size();
-  EXPECT_EQ(with_few_descriptors(scratch.path(),
-                                 [] { return tree_set_perms("top", 7, 8, 0640, 0750, 1); }),
-            ended(kReturned, ""));
-  EXPECT_EQ(tree_listing(scratch.path()).size(), entries);
-  for (const std::string& line : tree_listing(scratch.path()))
-    EXPECT_TRUE(line.rfind("d 0750 7:8", 0) == 0 || line.rfind("f 0640 7:8", 0) == 0) << line;
+  expect_all_changed(scratch / "top", [&] {
+    return with_few_descriptors(scratch.path(),
+                                [] { return tree_set_perms("top", 7, 8, 0640, 0750, 1); });
+  });
   EXPECT_EQ(with_few_descriptors(scratch.path(), [] { return rm_tree_aux("top", 1, 0); }),
             ended(kReturned, ""));
   EXPECT_EQ(tree_listing(scratch.path()), Lines{});
@@ -165,7 +194,7 @@ Outcome walk_with_bottom_moved(const ScratchDir& scratch, const std::function<vo
       {SYS_chdir, "", 2}, [&] { std::filesystem::rename(scratch / kChain, scratch / "outside/e"); },
       [&] {
         if (chdir(scratch.path().c_str()) != 0) _exit(97);
-        fstest::allow_descriptors(4);
+        testsupport::allow_descriptors(4);
         walk();
       });
 }
@@ -211,32 +240,44 @@ void mount_without_types(const std::string& image) {
   if (system(commands.c_str()) != 0) _exit(99);
 }
 
+/// Changes and then removes what make_each_type() makes, and tells what it sees on the way.
+void walk_each_type(const std::string& top) {
+  fstest::make_each_type(top);
+  errno = 0;
+  tree_set_perms(top.c_str(), 7, 8, 0640, 0750, 0);
+  for (const std::string& line : tree_listing(top)) std::cout << line << "\n";
+  errno = 0;
+  rm_tree(top.c_str(), 0);
+  std::cout << "errno " << errno << ", left " << tree_listing(top).size() << "\n";
+}
+
+constexpr const char* kEachTypeWalked =
+    "l - 0:0 dangling nowhere\n"
+    "c 0604 0:0 device\n"
+    "d 0750 7:8 dir\n"
+    "f 0640 7:8 dir/file inner\n"
+    "l - 0:0 dirlink dir\n"
+    "f 0640 7:8 file outer\n"
+    "l - 0:0 link file\n"
+    "p 0604 0:0 pipe\n"
+    "s 0604 0:0 socket\n"
+    "errno 0, left 0\n";
+
 TEST(TreeWalk, LooksAtEntriesThatAreListedWithoutAType) {
+  const ScratchDir scratch;
+  EXPECT_EQ(
+      testsupport::in_child_without_entry_types([&] { walk_each_type(scratch.path().string()); }),
+      (Outcome{kEachTypeWalked, "", 0}));
+}
+
+TEST(TreeWalk, WorksOnAFileSystemThatKnowsNoTypes) {
   const ScratchDir scratch;
   const Outcome outcome = in_child([&] {
     mount_without_types(scratch / "image");
-    fstest::make_each_type("/mnt");
-    errno = 0;
-    tree_set_perms("/mnt", 7, 8, 0640, 0750, 0);
-    for (const std::string& line : tree_listing("/mnt")) std::cout << line << "\n";
-    errno = 0;
-    rm_tree("/mnt", 0);
-    std::cout << "errno " << errno << ", left " << tree_listing("/mnt").size() << "\n";
+    walk_each_type("/mnt");
   });
   if (outcome.exit_code() == 99) GTEST_SKIP() << "no loop device to mount: " << outcome.err;
-  EXPECT_EQ(outcome.exit_code(), 0);
-  EXPECT_EQ(outcome.err, "");
-  EXPECT_EQ(outcome.out,
-            "l - 0:0 dangling nowhere\n"
-            "c 0604 0:0 device\n"
-            "d 0750 7:8 dir\n"
-            "f 0640 7:8 dir/file inner\n"
-            "l - 0:0 dirlink dir\n"
-            "f 0640 7:8 file outer\n"
-            "l - 0:0 link file\n"
-            "p 0604 0:0 pipe\n"
-            "s 0604 0:0 socket\n"
-            "errno 0, left 0\n");
+  EXPECT_EQ(outcome, (Outcome{kEachTypeWalked, "", 0}));
 }
 
 #ifndef __SANITIZE_ADDRESS__  // it keeps memory of its own, beyond any such limit
@@ -277,19 +318,21 @@ class Notes final : public frask::TreeAction {
   bool directory_answer = true;
   Lines lines;
 
-  bool on_listed(int /*dir_fd*/, const char* name, unsigned char type) override {
-    if (listed_answer) lines.push_back(std::string("listed ") + name + " " + std::to_string(type));
+  bool on_listed(const frask::Descent& at, unsigned char type) override {
+    if (listed_answer)
+      lines.push_back(std::string("listed ") + at.name() + " " + std::to_string(type));
     return listed_answer;
   }
-  bool on_entry(int dir_fd, const char* name, mode_t mode) override {
-    EXPECT_EQ(faccessat(dir_fd, name, F_OK, AT_SYMLINK_NOFOLLOW), 0);
-    EXPECT_EQ(access(name, F_OK), 0) << "the working directory is the one that holds the entry";
-    lines.push_back((S_ISREG(mode) ? "file " : "other ") + std::string(name));
+  bool on_entry(frask::Descent& at, mode_t mode) override {
+    EXPECT_EQ(faccessat(at.dir_fd(), at.name(), F_OK, AT_SYMLINK_NOFOLLOW), 0);
+    EXPECT_EQ(access(at.name(), F_OK), 0)
+        << "the working directory is the one that holds the entry";
+    lines.push_back((S_ISREG(mode) ? "file " : "other ") + std::string(at.name()));
     return entry_answer;
   }
-  bool on_directory(int dir_fd, const char* name) override {
-    EXPECT_EQ(faccessat(dir_fd, name, F_OK, AT_SYMLINK_NOFOLLOW), 0);
-    lines.push_back(std::string("directory ") + name);
+  bool on_directory(frask::Descent& at) override {
+    EXPECT_EQ(faccessat(at.dir_fd(), at.name(), F_OK, AT_SYMLINK_NOFOLLOW), 0);
+    lines.push_back(std::string("directory ") + at.name());
     return directory_answer;
   }
 };

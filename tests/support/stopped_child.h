@@ -1,4 +1,5 @@
-// Brings about a race on purpose: something happens while a child stands before a system call.
+// Follows the system calls of a child: brings about a race on purpose, while the child stands
+// before a call, or changes what a call tells it.
 #ifndef TESTS_SUPPORT_STOPPED_CHILD_H
 #define TESTS_SUPPORT_STOPPED_CHILD_H
 
@@ -21,6 +22,10 @@ struct Call {
 /// of its own, as root. A child that never comes to the call gives exit status 96.
 Outcome in_child_stopped_at(const Call& call, const std::function<void()>& meanwhile,
                             const std::function<void()>& body);
+
+/// in_child(), whose listings of directories tell the type of no entry, as on file systems that do
+/// not know it. A child that lists nothing gives exit status 96.
+Outcome in_child_without_entry_types(const std::function<void()>& body);
 
 }  // namespace testsupport
 

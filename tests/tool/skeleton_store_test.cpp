@@ -1,7 +1,6 @@
 #include "tool/skeleton_store.h"
 
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 #include <filesystem>
 
@@ -18,24 +17,10 @@ using Lines = std::vector<std::string>;
 
 namespace {
 
-class Store : public ToolTest {
- protected:
-  /// Packs what a script makes in an empty directory as the three types: skel.zip, .tgz, .tar.
-  void pack(const std::string& script) const {
-    shell(
-        "rm -rf skel skel.zip; mkdir skel; cd skel\n" + script +
-        "\ntar -cf ../skel.tar . ; tar -czf ../skel.tgz .; zip -qry ../skel.zip . || [ $? = 12 ]");
-  }
-
-  Outcome install(const std::string& id, const std::string& archive = "skel.tgz") const {
-    return tembrix({"--install-skel", "--filename", at(archive), "--id", id});
-  }
-};
-
-using InstallSkel = Store;
-using RemoveSkel = Store;
-using RemoveForbidEntries = Store;
-using InstallDefault = Store;
+using InstallSkel = StoreTest;
+using RemoveSkel = StoreTest;
+using RemoveForbidEntries = StoreTest;
+using InstallDefault = StoreTest;
 
 }  // namespace
 
@@ -388,29 +373,6 @@ TEST_F(RemoveForbidEntries, EndsOnAMissingPath) {
       "Unable to check directory entry missing: No such file or directory\n\n"
       "System error 2: No such file or directory\n";
   EXPECT_EQ(in_child([] { remove_forbid_entries("missing"); }), (Outcome{report, report, 1 << 8}));
-}
-
-TEST_F(RemoveForbidEntries, StaysInTheTreeWhileDirectoriesAreSwappedForLinks) {
-  write_file(at("outside/sub/.quota"), "kept");
-  fs::create_directories(at("tree/section"));
-  const pid_t swapper = fork();
-  ASSERT_GE(swapper, 0);
-  if (swapper == 0) {
-    const std::string entry = at("tree/section/dir");
-    for (;;) {
-      mkdir(entry.c_str(), 0755);
-      rmdir(entry.c_str());
-      if (symlink(at("outside").c_str(), entry.c_str()) == 0) unlink(entry.c_str());
-    }
-  }
-  for (int round = 0; round < 300; ++round)
-    in_child([this] {
-      fs::current_path(at("tree"));
-      remove_forbid_entries("section");
-    });
-  kill(swapper, SIGKILL);
-  waitpid(swapper, nullptr, 0);
-  EXPECT_TRUE(fs::exists(at("outside/sub/.quota")));
 }
 
 TEST_F(RemoveForbidEntries, IsWhatRmEntryDoesForWholeTrees) {

@@ -43,6 +43,11 @@ void ToolTest::shell(const std::string& script) const {
   ASSERT_EQ(outcome.exit_code(), 0) << script << "\n" << outcome;
 }
 
+void StoreTest::pack(const std::string& script) const {
+  shell("rm -rf skel skel.zip; mkdir skel; cd skel\n" + script +
+        "\ntar -cf ../skel.tar . ; tar -czf ../skel.tgz .; zip -qry ../skel.zip . || [ $? = 12 ]");
+}
+
 Outcome fatal(const std::string& text) {
   const std::string report = "tembrix: " + text + "\n";
   return {report, report, 1 << 8};

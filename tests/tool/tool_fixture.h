@@ -32,6 +32,18 @@ class ToolTest : public ::testing::Test {
   testsupport::ScratchDir scratch_;
 };
 
+/// Makes and installs archives.
+class StoreTest : public ToolTest {
+ protected:
+  /// Packs what a script makes in an empty directory as the three types: skel.zip, .tgz, .tar.
+  void pack(const std::string& script) const;
+
+  testsupport::Outcome install(const std::string& id,
+                               const std::string& archive = "skel.tgz") const {
+    return tembrix({"--install-skel", "--filename", at(archive), "--id", id});
+  }
+};
+
 /// What a fatal report looks like: the text on both streams, and status 1.
 testsupport::Outcome fatal(const std::string& text);
 

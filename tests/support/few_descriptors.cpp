@@ -1,0 +1,32 @@
+#include "support/few_descriptors.h"
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+namespace testsupport {
+namespace {
+
+constexpr unsigned kAllDescriptors = ~0U;
+
+}  // namespace
+
+void limit_descriptors(unsigned most) {
+  rlimit limit = {};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(97);
+  limit.rlim_cur = std::min(rlim_t{most}, limit.rlim_max);
+  if (setrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(97);
+  if (most != kAllDescriptors) atexit([] { limit_descriptors(kAllDescriptors); });
+}
+
+void allow_descriptors(int more) {
+  int limit = 0;
+  for (int free = 0; free <= more; ++limit)
+    if (fcntl(limit, F_GETFD) < 0) ++free;
+  limit_descriptors(static_cast<unsigned>(limit - 1));
+}
+
+}  // namespace testsupport
