@@ -22,6 +22,7 @@
 #include "support/scratch.h"
 
 using exectest::Argv;
+using exectest::kCaller;
 using exectest::kProbe;
 using exectest::pattern;
 using exectest::RecordedLog;
@@ -79,6 +80,12 @@ class Gate {
  private:
   ScratchDir scratch_;
 };
+
+long count(const std::string& text, const std::string& what) {
+  long found = 0;
+  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++found;
+  return found;
+}
 
 void print(const Captured& captured) {
   printf("%d|%s|%s\n", captured.result, captured.out.c_str(), captured.err.c_str());
@@ -155,6 +162,42 @@ TEST(ForkExecvGetouterr, CapturesEveryByteOfBothStreams) {
     EXPECT_TRUE(memcmp(out, pattern(out_length).c_str(), out_length + 1) == 0);
     EXPECT_TRUE(memcmp(err, pattern(err_length).c_str(), err_length + 1) == 0);
   }
+}
+
+TEST(ForkExecvGetout, MakesWayForALargeOutputOnly) {
+  const ScratchDir scratch;
+  testsupport::RunOptions options;
+  options.environment["ASAN_OPTIONS"] = "detect_leaks=0";
+  for (const long length : {0L, 1048575L, 1048576L, 9000000L}) {
+    SCOPED_TRACE(length);
+    const Outcome outcome =
+        testsupport::run({"strace", "-o", scratch / "trace", "-e", "trace=fcntl,madvise", kCaller,
+                          "getout", kProbe, "write", std::to_string(length), "0"},
+                         options);
+    ASSERT_EQ(outcome.exit_code(), 0) << outcome.err;
+    const std::string trace = read_file(scratch / "trace");
+    const long mebibytes = length / 1048576;
+    EXPECT_EQ(count(trace, "F_SETPIPE_SZ, 1048576)"), mebibytes > 0 ? 1 : 0) << trace;
+    const long asked_for = count(trace, ", 1048576, MADV_POPULATE_WRITE) = 0");
+    EXPECT_EQ(asked_for > 0, mebibytes > 0) << trace;
+    EXPECT_LE(asked_for, mebibytes + 1) << "no more than the next read needs\n" << trace;
+  }
+}
+
+TEST(ForkExecvGetout, CapturesALargeOutputAlsoWhereNoWayCanBeMade) {
+  const Outcome outcome = in_child([] {
+    const Argv argv({kProbe, "write", "5000000", "0"});
+    exectest::answer_syscall(SYS_fcntl, EPERM, F_SETPIPE_SZ);
+    exectest::answer_syscall(SYS_madvise, EINVAL);
+    char* out = nullptr;
+    const int result = fork_execv_getout(&out, kProbe, argv.get());
+    const int error = errno;
+    printf("%d, errno %d, %s", result, error,
+           pattern(5000000).compare(0, 5000001, out, 5000000) == 0 ? "whole" : "damaged");
+    free(out);
+  });
+  EXPECT_EQ(outcome.out, "0, errno 0, whole");
+  EXPECT_EQ(outcome.err, "");
 }
 
 TEST(ForkExecvGetout, GivesAnEmptyTextForAChildThatWritesNothing) {
