@@ -4,6 +4,7 @@
 #include <limits.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -100,6 +101,21 @@ TEST(ReadToBuf, ReportsAFailingReadAndClosesTheDescriptor) {
   });
   EXPECT_EQ(outcome.out, "errno 0, fd -1, open -1, len 0\n");
   EXPECT_EQ(outcome.err, "fork_exec*: read(pipe) failed: Is a directory\n");
+}
+
+TEST(ReadToBuf, ReportsAnInterruptedRead) {
+  const Outcome outcome = in_child([] {
+    char* buf = nullptr;
+    int size = 0;
+    int len = 0;
+    int fd = dup(0);
+    exectest::answer_syscall(SYS_read, EINTR);
+    read_to_buf(&fd, &buf, &size, &len);
+    dprintf(STDOUT_FILENO, "errno %d, fd %d, len %d\n", errno, fd, len);
+    _exit(0);  // gcov and the search for leaks read at exit()
+  });
+  EXPECT_EQ(outcome.out, "errno 0, fd -1, len 0\n");
+  EXPECT_EQ(outcome.err, "fork_exec*: read(pipe) failed: Interrupted system call\n");
 }
 
 // Sizes are int: twice 1 GiB is none.
