@@ -240,7 +240,10 @@ FRASK_API void prepare_fds_to_exec(int fd_in, int fd_out, int fd_err);
  */
 FRASK_API int closefrom_through_proc(int lowfd);
 
-/** closefrom() by closing every number from getdtablesize() down to lowfd. errno is restored. */
+/**
+ * closefrom() by closing every number from getdtablesize() down to lowfd, both included, in one
+ * call where the kernel has one for it. errno is restored.
+ */
 FRASK_API void closefrom_max(int lowfd);
 
 /**

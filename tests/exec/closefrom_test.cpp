@@ -39,6 +39,16 @@ void hold_descriptors(int count) {
     if (dup2(0, fd) < 0) _exit(97);
 }
 
+/// Raises the limit to a million, or as far as the surroundings allow. The table's size.
+int make_the_table_huge() {
+  const rlimit huge = {1000000, 1000000};
+  rlimit limits = {};
+  if (getrlimit(RLIMIT_NOFILE, &limits) != 0) _exit(97);
+  limits.rlim_cur = limits.rlim_max;
+  if (setrlimit(RLIMIT_NOFILE, &huge) != 0 && setrlimit(RLIMIT_NOFILE, &limits) != 0) _exit(97);
+  return getdtablesize();
+}
+
 /// Puts a directory with the given entries where the kernel's listing was.
 void fake_listing(const std::vector<std::string>& entries) {
   testsupport::enter_private_mounts();
@@ -194,18 +204,65 @@ TEST(ClosefromThroughProc, FailsAtANameThatIsNoNumber) {
 }
 
 TEST(ClosefromMax, ClosesFromTheTableSizeDownBothEndsIncluded) {
+  for (const int error : {0, ENOSYS, EPERM}) {
+    SCOPED_TRACE(error);
+    const Outcome outcome = in_child([error] {
+      hold_descriptors(6);
+      dup2(0, 50);
+      dup2(0, 51);
+      limit(RLIMIT_NOFILE, 50);
+      if (error != 0) exectest::answer_syscall(SYS_close_range, error);
+      errno = EPERM;
+      closefrom_max(4);
+      print("errno", errno);
+      for (int fd = 0; fd < 60; ++fd)
+        if (is_open(fd)) print("open", fd);
+    });
+    EXPECT_EQ(outcome.out, "errno 1\nopen 0\nopen 1\nopen 2\nopen 3\nopen 51\n");
+  }
+}
+
+TEST(ClosefromMax, ClosesNothingWhenNoNumberIsInRange) {
   const Outcome outcome = in_child([] {
     hold_descriptors(6);
-    dup2(0, 50);
-    dup2(0, 51);
     limit(RLIMIT_NOFILE, 50);
     errno = EPERM;
-    closefrom_max(4);
+    closefrom_max(51);
+    closefrom_max(1000);
     print("errno", errno);
-    for (int fd = 0; fd < 60; ++fd)
-      if (is_open(fd)) print("open", fd);
+    print("open", static_cast<int>(open_descriptors().size()));
   });
-  EXPECT_EQ(outcome.out, "errno 1\nopen 0\nopen 1\nopen 2\nopen 3\nopen 51\n");
+  EXPECT_EQ(outcome.out, "errno 1\nopen 6\n");
+}
+
+TEST(ClosefromMax, ClosesEveryDescriptorFromANegativeNumberOn) {
+  const Outcome outcome = in_child([] {
+    hold_descriptors(6);
+    limit(RLIMIT_NOFILE, 50);
+    closefrom_max(-7);
+    int open = 0;
+    for (int fd = 0; fd <= 50; ++fd) open += is_open(fd) ? 1 : 0;
+    _exit(open);
+  });
+  EXPECT_EQ(outcome.exit_code(), 0);
+}
+
+// Where a table has room for a million, closing number by number takes a million system calls.
+TEST(ClosefromMax, ClosesAHugeTableInOneCall) {
+  const auto close_without = [](long refused) {
+    const int last = make_the_table_huge() - 1;
+    hold_descriptors(200);
+    if (dup2(0, last) < 0) _exit(97);
+    exectest::answer_syscall(refused, ENOSYS);
+    closefrom_max(3);
+    int open = 0;
+    for (int fd = 3; fd <= last; ++fd) open += is_open(fd) ? 1 : 0;
+    print("open", open);
+  };
+  const Outcome at_once = in_child([&] { close_without(SYS_close); });
+  EXPECT_EQ(at_once.out, "open 0\n") << "no single one had to be closed";
+  const Outcome one_by_one = in_child([&] { close_without(SYS_close_range); });
+  EXPECT_EQ(one_by_one.out, "open 0\n");
 }
 
 TEST(ProcPidFdStrToInt, AcceptsPlainDecimalNumbersOnly) {

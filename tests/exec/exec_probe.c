@@ -3,6 +3,7 @@
  *   exec_probe args FILE ...       lists its arguments, one a line
  *   exec_probe write OUT ERR       writes that many bytes of a pattern to each stream, by turns
  *   exec_probe complain N          writes N times 'x' to standard error, at once
+ *   exec_probe chatter N             writes N times 'x' to standard output, 20 a second
  *   exec_probe exit N              exits with N
  * FILE may be "-" for standard output. */
 #include <fcntl.h>
@@ -58,12 +59,21 @@ static int complain(size_t length) {
   return write(STDERR_FILENO, text, length) == (ssize_t)length ? 0 : 96;
 }
 
+static int chatter(int count) {
+  for (int i = 0; i < count; ++i) {
+    if (write(STDOUT_FILENO, "x", 1) != 1) return 96;
+    usleep(50000);
+  }
+  return 0;
+}
+
 int main(int argc, char** argv) {
   if (argc >= 3 && strcmp(argv[1], "fds") == 0) return list(argv[2]);
   if (argc >= 3 && strcmp(argv[1], "args") == 0) return show_arguments(argv[2], argc, argv);
   if (argc == 4 && strcmp(argv[1], "write") == 0)
     return write_pattern(strtoul(argv[2], NULL, 10), strtoul(argv[3], NULL, 10));
   if (argc == 3 && strcmp(argv[1], "complain") == 0) return complain(strtoul(argv[2], NULL, 10));
+  if (argc == 3 && strcmp(argv[1], "chatter") == 0) return chatter(atoi(argv[2]));
   if (argc == 3 && strcmp(argv[1], "exit") == 0) return atoi(argv[2]);
   return 95;
 }

@@ -10,15 +10,18 @@
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 
 #include "exec/descriptor_listing.h"
 #include "log/utility_log.h"
 #include "support/opaque_malloc.h"
+#include "support/private_mounts.h"
 
 namespace exectest {
 namespace {
@@ -112,6 +115,25 @@ std::string descriptors() {
   static char text[65536];
   list_descriptors(text, sizeof text);
   return text;
+}
+
+void install_utility(const std::string& name) {
+  const std::filesystem::path directory = "/usr/local/oxa/admin/sbin";
+  testsupport::enter_private_mounts();
+  std::filesystem::create_directories(directory);
+  std::filesystem::create_symlink(kProbe, directory / name);
+}
+
+void install_libexec(const std::string& name) {
+  testsupport::enter_private_mounts();
+  std::filesystem::create_directories("/mnt/upper");
+  std::filesystem::create_directories("/mnt/work");
+  // The host has no such directory, so "/usr" gets a layer.
+  if (mount("overlay", "/usr", "overlay", 0, "lowerdir=/usr,upperdir=/mnt/upper,workdir=/mnt/work"))
+    broken("mount");
+  const std::filesystem::path path = "/usr/lib64/frask-9.0/" + name;
+  std::filesystem::create_directories(path.parent_path());
+  std::filesystem::create_symlink(kProbe, path);
 }
 
 void close_others() {

@@ -16,6 +16,8 @@
 #include "support/scratch.h"
 
 using exectest::Argv;
+using exectest::install_libexec;
+using exectest::install_utility;
 using exectest::kProbe;
 using exectest::reported;
 using testsupport::in_child;
@@ -35,28 +37,6 @@ std::string lines_of(int arguments) {
   std::string text;
   for (int i = 0; i < arguments; i += 10) text += kTenLines;
   return text.substr(0, static_cast<size_t>(arguments) * 2);
-}
-
-constexpr const char* kSbin = "/usr/local/oxa/admin/sbin";
-constexpr const char* kLibexec = "/usr/lib64/frask-9.0";
-
-/// Makes the probe an administrative utility, in a private file system.
-void install_utility(const std::string& name) {
-  testsupport::enter_private_mounts();
-  std::filesystem::create_directories(kSbin);
-  std::filesystem::create_symlink(kProbe, std::string(kSbin) + "/" + name);
-}
-
-/// Makes the probe a library executable. The host has no such directory, so "/usr" gets a layer.
-void install_libexec(const std::string& name) {
-  testsupport::enter_private_mounts();
-  std::filesystem::create_directories("/mnt/upper");
-  std::filesystem::create_directories("/mnt/work");
-  if (mount("overlay", "/usr", "overlay", 0, "lowerdir=/usr,upperdir=/mnt/upper,workdir=/mnt/work"))
-    _exit(97);
-  const std::filesystem::path path = std::string(kLibexec) + "/" + name;
-  std::filesystem::create_directories(path.parent_path());
-  std::filesystem::create_symlink(kProbe, path);
 }
 
 int raw(const char* path, ...) {
@@ -342,4 +322,18 @@ TEST(ForkExecv, IsFatalWhenNoProcessCanBeStarted) {
   EXPECT_TRUE(reported(outcome, 1,
                        "fork_execv: fork() failed\n"
                        "System error 11: Resource temporarily unavailable\n"));
+}
+
+TEST(ForkExecv, RunsWithoutStandardDescriptorsWhereThereIsNoDevNull) {
+  const ScratchDir scratch;
+  const std::string list = scratch / "list";
+  const Outcome outcome = in_child([&] {
+    exectest::close_others();
+    testsupport::enter_private_mounts();
+    if (mount("tmpfs", "/dev", "tmpfs", 0, nullptr) != 0) _exit(97);
+    _exit(fork_execv(kProbe, "fds", list.c_str(), nullptr));
+  });
+  EXPECT_EQ(outcome.exit_code(), 0) << outcome;
+  EXPECT_EQ(read_file(list), "");
+  EXPECT_EQ(outcome.err, "");
 }

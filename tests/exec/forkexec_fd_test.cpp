@@ -2,11 +2,14 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <regex>
 #include <string>
+#include <vector>
 
 #include "exec/exec_support.h"
 #include "exec/forkexec.h"
@@ -37,6 +40,26 @@ void open_numbered(const ScratchDir& scratch) {
   exectest::close_others();
   for (const int fd : {0, 1, 2, 8, 9, 10}) exectest::open_as(fd, scratch / std::to_string(fd));
 }
+
+/// What a program and its only child do, as strace shows it.
+struct Trace {
+  explicit Trace(const std::vector<std::string>& command) {
+    const ScratchDir scratch;
+    std::vector<std::string> words = {"strace", "-ff", "-s", "200", "-o", scratch / "trace", "-e"};
+    words.emplace_back("trace=execve,pipe2,read,write,close,wait4,exit_group");
+    words.insert(words.end(), command.begin(), command.end());
+    testsupport::RunOptions options;
+    options.environment["ASAN_OPTIONS"] = "detect_leaks=0";
+    testsupport::run(words, options);
+    for (const auto& file : std::filesystem::directory_iterator(scratch.path())) {
+      const std::string calls = read_file(file.path());
+      (calls.find("pipe2(") != std::string::npos ? caller : child) = calls;
+    }
+  }
+
+  std::string caller;
+  std::string child;
+};
 
 }  // namespace
 
@@ -185,6 +208,47 @@ TEST(ForkExecvFd, ReportsAWaitThatFails) {
             "Error occured during waiting the child process with pid N: No child processes\n\n"
             "System error 10: No child processes\n");
   EXPECT_EQ(outcome.err, outcome.out);
+}
+
+// The child's text is there to be read, but an interrupted read is the end.
+TEST(ForkExecvFd, TakesAnInterruptedReadForTheEnd) {
+  const Outcome outcome = in_child([] {
+    alarm(60);                 // should it go on reading
+    signal(SIGPIPE, SIG_IGN);  // the reader may be gone before the child writes
+    exectest::answer_syscall(SYS_read, EINTR);
+    const int result = fork_execv_fd(-1, -1, "/no/such/program", Argv({"program"}).get());
+    dprintf(STDOUT_FILENO, "result %d", result);
+    _exit(0);  // gcov and the search for leaks read at exit()
+  });
+  EXPECT_EQ(outcome.exit_code(), 0);
+  EXPECT_EQ(outcome.out, "result 255");
+  EXPECT_EQ(outcome.err, "");
+}
+
+TEST(ForkExecvFd, ClosesItsWriteEndBeforeItReadsAndItsReadEndBeforeItWaits) {
+  const Trace trace({exectest::kCaller, "fd", "/no/such/program"});
+  std::smatch ends;
+  ASSERT_TRUE(std::regex_search(trace.caller, ends, std::regex("pipe2\\(\\[([0-9]+), ([0-9]+)\\]")))
+      << trace.caller;
+  const size_t closed = trace.caller.find("close(" + ends[2].str() + ")", ends.position());
+  const size_t read = trace.caller.find("read(" + ends[1].str() + ",", ends.position());
+  const size_t done = trace.caller.find("close(" + ends[1].str() + ")", read);
+  const size_t waited = trace.caller.find("wait4(", ends.position());
+  ASSERT_NE(waited, std::string::npos) << trace.caller;
+  EXPECT_LT(closed, read) << trace.caller;
+  EXPECT_LT(read, done) << trace.caller;
+  EXPECT_LT(done, waited) << trace.caller;
+}
+
+TEST(ForkExecvFd, WritesTheChildsReportAtOnceAndEndsItThen) {
+  const Trace trace({exectest::kCaller, "fd", "/no/such/program"});
+  const std::regex end(
+      "execve\\(\"/no/such/program\".*ENOENT.*\n"
+      "write\\(2, \"Error occured during execv\\(\\):\\\\nNo such file or directory.\\\\n\", 57\\) "
+      "= "
+      "57\n"
+      "exit_group\\(255\\)");
+  EXPECT_TRUE(std::regex_search(trace.child, end)) << trace.child;
 }
 
 TEST(ForkExecvFd, IsFatalWithoutAPipe) {

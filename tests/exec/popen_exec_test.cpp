@@ -5,27 +5,23 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <memory>
 #include <string>
 
 #include "exec/exec_support.h"
 #include "exec/forkexec.h"
+#include "log/c_string.private.h"
 #include "support/scratch.h"
 
 using exectest::kProbe;
 using exectest::pattern;
 using exectest::reported;
+using frask::CString;
 using testsupport::in_child;
 using testsupport::Outcome;
 using testsupport::read_file;
 using testsupport::ScratchDir;
 
 namespace {
-
-struct Free {
-  void operator()(char* text) const { free(text); }
-};
-using Text = std::unique_ptr<char, Free>;
 
 char untouched[] = "untouched";
 
@@ -101,7 +97,7 @@ TEST(PopenExecGetoutput, CapturesEveryByte) {
     const std::string command = std::string(kProbe) + " write " + std::to_string(length) + " 0";
     char* out = nullptr;
     EXPECT_EQ(popen_exec_getoutput(&out, command.c_str()), 0);
-    const Text owner(out);
+    const CString owner(out);
     ASSERT_NE(out, nullptr);
     EXPECT_TRUE(memcmp(out, pattern(length).c_str(), length + 1) == 0);
   }
