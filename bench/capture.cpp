@@ -1,19 +1,12 @@
 #include "capture.h"
 
-#include <stdlib.h>
-
-#include <memory>
-
 #include "instead/capture_popen.h"
 #include "limit/limit.h"
+#include "log/c_string.private.h"
 #include "program.h"
 
 namespace bench {
 namespace {
-
-struct Free {
-  void operator()(char* text) const { free(text); }
-};
 
 std::string quoted(const std::vector<std::string>& words) {
   std::string line;
@@ -26,7 +19,7 @@ bool popen_once(const Command& command) {
   size_t length = 0;
   int status = 0;
   if (capture_popen(quoted(command.words).c_str(), &text, &length, &status) != 0) return false;
-  const std::unique_ptr<char, Free> owner(text);
+  const frask::CString owner(text);
   return status == 0 && length == command.output;
 }
 
@@ -39,7 +32,7 @@ bool posix_spawn_once(const Command& command) {
   size_t length = 0;
   int status = 0;
   if (limit_capture(argv.data(), &text, &length, &status) != 0) return false;
-  const std::unique_ptr<char, Free> owner(text);
+  const frask::CString owner(text);
   return status == 0 && length == command.output;
 }
 

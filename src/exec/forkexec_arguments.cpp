@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "exec/forkexec.h"
+#include "log/c_string.private.h"
 #include "log/messlog.h"
 
 namespace {
@@ -31,10 +32,6 @@ class HeapVector {
   char* const* get() const { return vector_.get(); }
 
  private:
-  struct Free {
-    void operator()(char** vector) const { free(static_cast<void*>(vector)); }
-  };
-
   static char** allocate(const char* first, va_list rest) {
     size_t count = 1;
     va_list again;
@@ -52,7 +49,7 @@ class HeapVector {
     *next = nullptr;
   }
 
-  std::unique_ptr<char*, Free> vector_;
+  std::unique_ptr<char*, frask::Free> vector_;
 };
 
 /// A program and at most 99 arguments.

@@ -13,6 +13,7 @@
 
 #include "exec/forkexec.h"
 #include "exec/pipe.private.h"
+#include "log/c_string.private.h"
 #include "log/messlog.h"
 
 namespace {
@@ -208,6 +209,8 @@ int fork_execv_log(const char* path, char* const argv[], int quiet) {
   char* out = nullptr;
   char* err = nullptr;
   const int rc = fork_execv_getouterr(&out, &err, path, argv);
+  const frask::CString out_owner(out);
+  const frask::CString err_owner(err);
   if (rc != 0 && quiet == 0) {
     if (out != nullptr) fputs(out, stderr);
     if (err != nullptr)
@@ -215,8 +218,6 @@ int fork_execv_log(const char* path, char* const argv[], int quiet) {
     else
       messlog2(0, 1, "%s execution failed (no output)", path);
   }
-  free(out);
-  free(err);
   return rc;
 }
 

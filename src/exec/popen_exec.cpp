@@ -4,9 +4,8 @@
 #include <string.h>
 #include <sys/wait.h>
 
-#include <memory>
-
 #include "exec/forkexec.h"
+#include "log/c_string.private.h"
 #include "log/messlog.h"
 
 namespace {
@@ -19,11 +18,6 @@ int popen_result(int status) {
   return status == -1 ? -1 : WEXITSTATUS(status);
 }
 
-struct Free {
-  void operator()(char* text) const { free(text); }
-};
-using Text = std::unique_ptr<char, Free>;
-
 /// Leaves errno to the caller's report.
 void complain(const char* line) {
   const int error = errno;
@@ -31,23 +25,17 @@ void complain(const char* line) {
   errno = error;
 }
 
-bool grow(Text& text, size_t* capacity) {
-  char* grown = static_cast<char*>(realloc(text.get(), *capacity + kGrowth + 1));
-  if (grown == nullptr) return false;
-  static_cast<void>(text.release());
-  text.reset(grown);
-  *capacity += kGrowth;
-  return true;
-}
-
 /// Reads to the end of the stream into `text`, which has room for kGrowth bytes and a terminator.
-void read_stream(FILE* stream, Text& text) {
+void read_stream(FILE* stream, frask::CString& text) {
   size_t capacity = kGrowth;
   size_t used = 0;
   for (;;) {
     used += fread(text.get() + used, 1, capacity - used, stream);
     if (used < capacity) break;
-    if (grow(text, &capacity)) continue;
+    if (frask::resize(text, capacity + kGrowth + 1)) {
+      capacity += kGrowth;
+      continue;
+    }
     complain("popen_exec: warning: failed to allocate memory for command output buffer\n");
     // Deliberate: part of an output is worse than none. Pinned by
     // PopenExecGetoutput.DropsTheWholeTextWhenMemoryRunsOut.
@@ -86,7 +74,7 @@ int popen_exec_getoutput(char** out, const char* command) {
         "memory\n");
     return -1;
   }
-  Text text(static_cast<char*>(malloc(kGrowth + 1)));
+  frask::CString text(static_cast<char*>(malloc(kGrowth + 1)));
   if (text == nullptr) {
     complain("popen_exec: failed to allocate memory\n");
     pclose(stream);
@@ -101,11 +89,11 @@ int popen_exec_getoutput(char** out, const char* command) {
 int popen_exec(const char* command) {
   char* output = nullptr;
   const int rc = popen_exec_getoutput(&output, command);
+  const frask::CString owner(output);
   if (rc == -1)
     messlog2(0, 1, "popen_exec: failed to execute command: %s\n", strerror(errno));
   else if (rc != 0)
     messlog2(0, 1, "popen_exec: command failed code: %d , %s\n", rc,
              output != nullptr && *output != '\0' ? output : "error: none");
-  free(output);
   return rc;
 }

@@ -4,7 +4,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <stdlib.h>
 #include <string.h>
 
 #include "fs/unique_fd.h"
@@ -23,7 +22,7 @@ class DirStream {
   bool open(int parent_fd, const char* name) noexcept {
     fd_.reset(
         ::openat(parent_fd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (fd_ && !resize(kBufferSize)) fd_.reset();
+    if (fd_ && !resize(buffer_, kBufferSize)) fd_.reset();
     return static_cast<bool>(fd_);
   }
 
@@ -54,13 +53,13 @@ class DirStream {
   bool detach() noexcept {
     ssize_t got = 1;
     while (got > 0) {
-      if (!resize(filled_ + kBufferSize)) return false;
+      if (!resize(buffer_, filled_ + kBufferSize)) return false;
       got = ::getdents64(fd_.get(), buffer_.get() + filled_, kBufferSize);
       if (got < 0) return false;
       filled_ += static_cast<size_t>(got);
     }
     fd_.reset();
-    if (filled_ > 0) static_cast<void>(resize(filled_));
+    if (filled_ > 0) static_cast<void>(resize(buffer_, filled_));
     return true;
   }
 
@@ -69,14 +68,6 @@ class DirStream {
 
  private:
   static constexpr size_t kBufferSize = 32768;
-
-  bool resize(size_t size) noexcept {
-    char* moved = static_cast<char*>(realloc(buffer_.get(), size));
-    if (moved == nullptr) return false;
-    static_cast<void>(buffer_.release());
-    buffer_.reset(moved);
-    return true;
-  }
 
   bool refill() noexcept {
     if (!fd_) return false;

@@ -7,8 +7,8 @@
 
 #include "error/SystemError.h"
 #include "error/asprintf_safe.h"
+#include "support/allocations.h"
 #include "support/child.h"
-#include "support/failing_memory.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 #include "exec/commands.h"
 #include "exec/texec.h"
-#include "support/failing_memory.h"
+#include "support/allocations.h"
 
 using frask::Handle;
 using frask::sys::TEArgs;

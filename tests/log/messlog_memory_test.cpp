@@ -6,8 +6,8 @@
 #include <string>
 
 #include "log/messlog.h"
+#include "support/allocations.h"
 #include "support/child.h"
-#include "support/failing_memory.h"
 
 namespace {
 

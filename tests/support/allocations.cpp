@@ -5,12 +5,17 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <new>
+
 // What the calls are handed on to: the sanitizer's allocator where there is one, else the C
-// library's.
+// library's. The sanitizer's own checks must not run in here, since the first allocations come
+// before it is ready.
 #ifdef __SANITIZE_ADDRESS__
 #define BELOW(name) __interceptor_##name
+#define UNCHECKED __attribute__((no_sanitize("address", "undefined")))
 #else
 #define BELOW(name) __libc_##name
+#define UNCHECKED
 #endif
 
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the libraries' own names
@@ -23,27 +28,33 @@ void BELOW(free)(void* memory);
 
 namespace {
 
-unsigned long calls_to_failure = 0;
+unsigned long to_skip = 0;
+unsigned long to_fail = 0;
 bool has_failed = false;
 unsigned long calls = 0;
 long live = 0;
 
-bool fails_now() {
+UNCHECKED bool fails_now() {
   ++calls;
-  if (calls_to_failure == 0 || --calls_to_failure != 0) return false;
+  if (to_fail == 0) return false;
+  if (to_skip > 0) {
+    --to_skip;
+    return false;
+  }
+  --to_fail;
   has_failed = true;
   errno = ENOMEM;
   return true;
 }
 
-void* counted(void* memory) {
+UNCHECKED void* counted(void* memory) {
   if (memory != nullptr) ++live;
   return memory;
 }
 
 }  // namespace
 
-#define EXPORTED __attribute__((visibility("default")))
+#define EXPORTED UNCHECKED __attribute__((visibility("default")))
 
 extern "C" {
 
@@ -89,6 +100,25 @@ EXPORTED const char* __asan_default_options() {
 }  // extern "C"
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 
+// AddressSanitizer's own operator new does not come by malloc().
+void* operator new(size_t size) {
+  void* block = malloc(size);
+  if (block == nullptr) throw std::bad_alloc();
+  return block;
+}
+
+void* operator new(size_t size, const std::nothrow_t& /*tag*/) noexcept {
+  return malloc(size);
+}
+
+void operator delete(void* block) noexcept {
+  free(block);
+}
+
+void operator delete(void* block, size_t /*size*/) noexcept {
+  free(block);
+}
+
 namespace testsupport {
 
 long live_blocks() {
@@ -99,13 +129,23 @@ unsigned long allocations_so_far() {
   return calls;
 }
 
-FailingAllocation::FailingAllocation(unsigned long number) {
+void fail_allocations(unsigned long skipped, unsigned long failing) {
+  to_skip = skipped;
+  to_fail = failing;
   has_failed = false;
-  calls_to_failure = number;
+}
+
+bool stop_failing_allocations() {
+  to_fail = 0;
+  return has_failed;
+}
+
+FailingAllocation::FailingAllocation(unsigned long number) {
+  fail_allocations(number - 1, number > 0 ? 1 : 0);
 }
 
 FailingAllocation::~FailingAllocation() {
-  calls_to_failure = 0;
+  stop_failing_allocations();
 }
 
 bool FailingAllocation::happened() {

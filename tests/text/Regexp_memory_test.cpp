@@ -2,7 +2,7 @@
 
 #include <new>
 
-#include "support/failing_memory.h"
+#include "support/allocations.h"
 #include "text/Regexp.h"
 
 using frask::Regexp;

@@ -7,8 +7,8 @@
 #include <functional>
 #include <string>
 
+#include "support/allocations.h"
 #include "support/child.h"
-#include "support/failing_memory.h"
 #include "text/idn.h"
 
 namespace {
