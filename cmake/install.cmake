@@ -13,6 +13,8 @@ install(DIRECTORY src/ DESTINATION include/frask
   PATTERN "dir_stream.h" EXCLUDE
   PATTERN "CMakeLists.txt" EXCLUDE)
 
+install(DIRECTORY man/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 FILES_MATCHING PATTERN "*.3")
+
 configure_file(cmake/frask.pc.in frask.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/frask.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 

@@ -116,4 +116,32 @@ exported_symbols() {
     fail "what is exported is not exported-symbols.txt"
 }
 
+# run_built DIRECTORY: runs the examples that were built into it.
+run_built() {
+  LD_LIBRARY_PATH=$prefix/lib "$here/../../scripts/private-mounts" "$here/run_examples.sh" "$work/$1"
+}
+
+examples_pkg_config() {
+  flags=$(pkg-config --cflags --libs frask)
+  mkdir built
+  $CC -std=c11 $strict "$here/../../examples/site.c" -o built/site $flags
+  $CXX -std=c++17 $strict "$here/../../examples/site_report.cpp" -o built/site_report $flags
+  run_built built
+}
+
+examples_cmake() {
+  "$CMAKE" -S "$here/../../examples" -B built -DCMAKE_PREFIX_PATH="$prefix" \
+    -DCMAKE_C_COMPILER="$CC" -DCMAKE_CXX_COMPILER="$CXX" >log 2>&1 &&
+    "$CMAKE" --build built >>log 2>&1 || { cat log; fail "the examples do not build"; }
+  run_built built
+}
+
+manual_pages() {
+  for page in "$prefix"/share/man/man*/*; do
+    mandoc -Tlint -W warning "$page" || fail "$page is not clean"
+    groff -mandoc -Tutf8 -ww -z "$page" 2>warnings || true
+    [ ! -s warnings ] || { cat warnings >&2; fail "groff warns of $page"; }
+  done
+}
+
 $1

@@ -1,0 +1,104 @@
+/**
+ * @file
+ * The content of virtual hosts, for the panel's tools: deploy a skeleton, empty a host, remove an
+ * application, protect a file that a person edited.
+ *
+ * C++ exceptions leave these routines where it says so. A C program cannot catch them: there the
+ * process ends, with the text on standard error when oxa_set_terminate() was called. None of them
+ * may be called from several threads.
+ */
+#ifndef FRASK_VHOST_ENTRY_POINTS_H
+#define FRASK_VHOST_ENTRY_POINTS_H
+
+#include "log/api.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** Options of the routines below. A NULL text counts as "", any nonzero number as true. */
+typedef struct DocrootCleanOptions {
+  const char* docrootDir; /**< the document root: stands for the host's "httpdocs" */
+  int skipHttpdocs;       /**< sub-domains: deploy without "httpdocs" */
+  int keepErrorDocs;      /**< leave "error_docs" alone */
+  int keepCgiBin;         /**< leave the CGI directory alone */
+  const char* cgiBinDir;  /**< the CGI directory: stands for the host's "cgi-bin" */
+} DocrootCleanOptions;
+
+/**
+ * Deploys a skeleton into a site or sub-domain, whose directory is created when it is missing.
+ *
+ * The skeleton is ".skel/ID" below the compiled-in virtual hosts root, or, where that is missing,
+ * silently ".skel/0". What exists already stays as it is: directories are merged into, all else is
+ * reported on standard error and skipped, so that a second deployment restores what is missing and
+ * nothing more. Links and other special files are never deployed. In regular files "@domain_name@"
+ * becomes the site's name. What is created gets the skeleton's permission bits, the group "oxacln"
+ * and the caller's own user as owner. No symbolic link below the host's directory, the document
+ * root or the CGI directory is passed: the entry is reported and skipped.
+ *
+ * @param vhostDir    ROOT/SITE or ROOT/SITE/subdomains/NAME
+ * @param mode        a SetupSkeletonMode; any other number selects nothing
+ * @param skeletonId  NULL: nothing happens at all, the result is 0
+ * @return 0
+ * @throws std::runtime_error for a directory that is no virtual host, for a missing default
+ * skeleton and a missing group; std::filesystem::filesystem_error when a directory cannot be
+ * created. What was created before stays.
+ */
+FRASK_API int setup_skeleton(const char* vhostDir, int mode, const char* skeletonId,
+                             const DocrootCleanOptions* options);
+
+/**
+ * setup_skeleton() for ROOT/DOMAIN/subdomains/SUBDOMAIN, without a check of the names; without
+ * "httpdocs" when `options->skipHttpdocs` is set, else with every section.
+ */
+FRASK_API int setup_skeleton_on_subdomain(const char* domain, const char* subdomain,
+                                          const char* skeletonId,
+                                          const DocrootCleanOptions* options);
+
+/**
+ * Empties the document root, the CGI directory and "private" of a host; these themselves stay.
+ *
+ * Whatever cannot be listed or removed is reported on standard error, one line each, and stays.
+ * Links are removed, never followed.
+ *
+ * @return 0, whatever happened
+ */
+FRASK_API int clean_docroot(const char* vhostDir, const DocrootCleanOptions* options);
+
+/**
+ * Removes the files of a site application, which an XML document on standard input lists, read to
+ * its end, and the directories among them that are empty by then.
+ *
+ * The document is an INSTANCE-DATA element holding SECTION elements, whose attribute PREFIX is
+ * "htdocs" or "cgi-bin", holding FILE elements, each with a path below `prefix` in that section.
+ * The directory `prefix` of the document root goes as well once it is empty. Failures of single
+ * entries are reported on standard error, and the work goes on.
+ *
+ * @param prefix  where the application lies in its section; "." for the section itself. "/", like
+ *                any absolute path, leaves the host: the listed paths then count from the root of
+ *                the file system
+ * @throws std::runtime_error for a document that is malformed or breaks these rules; nothing has
+ *         been removed then
+ */
+FRASK_API void wido_delete_instance(const char* vhostDir, const DocrootCleanOptions* options,
+                                    const char* prefix);
+
+/**
+ * Keeps a copy of a file that is about to be generated anew, unless the file carries the banner of
+ * generated files: PATH.saved_by_oxa, or with ".1", ".2" and so on behind it, the first free name.
+ *
+ * A failed backup is logged with priority 3 and does not stop the caller.
+ *
+ * @param path  NULL and a missing file: nothing happens
+ * @throws frask::SystemError when the file exists but cannot be read
+ */
+FRASK_API void copy_if_no_dontedit(const char* path);
+
+/** The banner that generated files carry. @return a constant that lives as long as the process */
+FRASK_API const char* get_dontedit_tag(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
