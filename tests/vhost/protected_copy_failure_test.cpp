@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -175,7 +176,11 @@ TEST(CopyIfNoDontedit, TakesDescriptor0ForAFailure) {
   write_file(dir / "f", "text");
   const std::string head =
       "Failed to back up file '" + (dir / "f") + "': Cannot write: " + (dir / "f.saved_by_oxa");
-  const auto close_input = [] { close(0); };
+  const auto close_input = [] {
+    const rlimit seconds = {2, 2};  // for a search that would go on through all names
+    if (setrlimit(RLIMIT_CPU, &seconds) != 0) _exit(1);
+    close(0);
+  };
   expect_logged(protect(dir / "f", close_input), head + ": Success");
   EXPECT_EQ(tree_listing(dir.path()), (Lines{"f 0644 0:0 f text", "f 0600 0:0 f.saved_by_oxa "}))
       << "it stays, empty";
