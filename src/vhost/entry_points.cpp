@@ -1,6 +1,11 @@
 #include "vhost/entry_points.h"
 
+#include <iostream>
+
+#include "vhost/clean.private.h"
 #include "vhost/entry_points.private.h"
+#include "vhost/instance.private.h"
+#include "vhost/misc.h"
 
 namespace frask {
 namespace {
@@ -22,3 +27,15 @@ ExtractParams toExtractParams(const DocrootCleanOptions& options) {
 }
 
 }  // namespace frask
+
+int clean_docroot(const char* vhostDir, const DocrootCleanOptions* options) {
+  frask::cleanDocroot(vhostDir, frask::toExtractParams(*options));
+  return 0;  // failures are reported, and are no result
+}
+
+void wido_delete_instance(const char* vhostDir, const DocrootCleanOptions* options,
+                          const char* prefix) {
+  const std::string place = prefix;
+  frask::deleteInstance(vhostDir, frask::toExtractParams(*options), place,
+                        frask::readFile(std::cin));
+}

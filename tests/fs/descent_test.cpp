@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "fs/descent.private.h"
-#include "support/few_descriptors.h"
+#include "support/limits.h"
 #include "support/scratch.h"
 #include "tree_support.h"
 

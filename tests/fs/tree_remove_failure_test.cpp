@@ -9,7 +9,7 @@
 #include <map>
 
 #include "fs/tree.h"
-#include "support/few_descriptors.h"
+#include "support/limits.h"
 #include "support/private_mounts.h"
 #include "support/scratch.h"
 #include "support/stopped_child.h"

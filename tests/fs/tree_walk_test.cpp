@@ -14,7 +14,7 @@
 
 #include "fs/tree.h"
 #include "fs/tree_walk.private.h"
-#include "support/few_descriptors.h"
+#include "support/limits.h"
 #include "support/opaque_malloc.h"
 #include "support/private_mounts.h"
 #include "support/scratch.h"

@@ -3,7 +3,7 @@
 
 #include <filesystem>
 
-#include "support/few_descriptors.h"
+#include "support/limits.h"
 #include "tool/skeleton_store.h"
 #include "tool/tool_fixture.h"
 

@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <functional>
 
-#include "support/few_descriptors.h"
+#include "support/limits.h"
 #include "support/stopped_child.h"
 #include "support/tree_listing.h"
 #include "tool/skeleton_store.h"

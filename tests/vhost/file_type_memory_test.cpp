@@ -5,7 +5,7 @@
 
 #include "exec/TError.h"
 #include "support/child.h"
-#include "support/failing_memory.h"
+#include "support/allocations.h"
 #include "vhost/layout.h"
 
 namespace {

@@ -1,6 +1,7 @@
-#include "support/few_descriptors.h"
+#include "support/limits.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <stdlib.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -13,6 +14,13 @@ namespace {
 constexpr unsigned kAllDescriptors = ~0U;
 
 }  // namespace
+
+void become_nobody_in(const std::filesystem::path& directory) {
+  constexpr id_t kNobody = 65534;
+  if (chdir(directory.c_str()) != 0 || setgroups(0, nullptr) != 0 || setgid(kNobody) != 0 ||
+      setuid(kNobody) != 0)
+    _exit(97);
+}
 
 void limit_descriptors(unsigned most) {
   rlimit limit = {};
