@@ -187,10 +187,11 @@ TEST(ForkExecvFd, ReportsDeathBySignal) {
 
 TEST(ForkExecvFd, ReportsAStop) {
   const Outcome outcome = in_child([] {
+    if (setpgid(0, 0) != 0) _exit(3);
     errno = 0;
     if (run_script(-1, -1, "exec 2>&-; kill -STOP $$; exit 3") != -1) _exit(1);
     siginfo_t info = {};
-    kill(0, SIGCONT);  // the child is in this process's group
+    kill(0, SIGCONT);  // the child is in this process's group, and nobody else
     if (waitid(P_ALL, 0, &info, WEXITED) != 0 || info.si_status != 3) _exit(2);
   });
   EXPECT_EQ(outcome.exit_code(), 0);

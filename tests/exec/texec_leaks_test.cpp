@@ -162,9 +162,10 @@ void execute(const Way& way, pid_t caller) {
   if (getpid() != caller) _exit(1);
 }
 
-/// What an execution has started may still be running; it is collected by later ones.
+/// What the executions have started may still be running; each later one collects what has ended.
+/// What none of them collects is still there in the end.
 bool all_are_collected() {
-  for (int i = 0; i < 4 && !testexec::childless(); ++i) {
+  for (int i = 0; i < 100 && !testexec::childless(); ++i) {
     testexec::await_end_of_a_child();
     command({"/bin/true"}).execute();
   }
