@@ -61,9 +61,11 @@ FRASK_API std::vector<std::filesystem::path> vhostUsedDirs(SetupSkeletonMode mod
 FRASK_API int pathLength(const std::filesystem::path& p);
 
 /**
- * What file(1) says of a path, links followed: its output as it is, the newline included.
+ * What file(1), searched in PATH, says of a path, links followed: its standard output as it is, the
+ * newline included, whatever its exit status. A missing path is something that it says, too.
  *
- * @throws sys::TSysCallErr when the program cannot be started
+ * @throws sys::TSysCallErr when the program cannot be started, with the errno value of that; only
+ *         in the caller's own process, never in the child
  */
 FRASK_API std::string typeFromPath(const std::string& path);
 
@@ -73,8 +75,11 @@ FRASK_API std::string typeFromPath(const std::string& path);
  * Deliberate: the virtual hosts root is the compiled-in one; a root moved in the configuration file
  * is not seen. Pinned by VhostPathFromDir.IgnoresTheConfigurationFile.
  *
- * @throws std::runtime_error for a directory that does not lie below the root, or lies there but is
- *         neither ROOT/SITE nor ROOT/SITE/subdomains/NAME
+ * No name may be empty, as behind a trailing separator, or "." or "..".
+ *
+ * @throws std::runtime_error "Virtual host DIR is not a subdirectory of ROOT" where it does not
+ *         begin with the root's elements; "Directory DIR does not represent a virtual host" where
+ *         it is neither ROOT/SITE nor ROOT/SITE/subdomains/NAME
  */
 FRASK_API VhostPath vhostPathFromDir(const std::filesystem::path& dir);
 

@@ -42,13 +42,19 @@ class FRASK_API BackupFileGenerator {
 };
 
 /**
- * The whole content of a file, byte for byte.
+ * The whole content of a file, byte for byte; "" for a directory, which holds none.
  *
- * @throws SystemError (ExSystemError<2> for a missing file) when it cannot be opened
+ * @throws SystemError "PATH: open failed" (ExSystemError<2> for a missing file), "PATH: read
+ * failed"
  */
 FRASK_API std::string readFile(const std::string& path);
 
-/** All that remains in a stream; "" from one that has failed already. */
+/**
+ * All that remains in a stream's buffer; "" from a stream that has failed already.
+ *
+ * A failed read counts as the end, and sets the stream's bad state. The state is otherwise left
+ * alone, at the end as well.
+ */
 FRASK_API std::string readFile(std::istream& in);
 
 /**

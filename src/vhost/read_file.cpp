@@ -1,0 +1,78 @@
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <istream>
+
+#include "error/SystemError.h"
+#include "fs/unique_fd.h"
+#include "vhost/misc.h"
+#include "vhost/read_file.private.h"
+
+namespace frask {
+namespace {
+
+constexpr std::size_t kChunk = 65536;
+
+/// Fills `bytes` from `read(buffer, room)`, which gives how much it read: 0 at the end.
+template <class Read>
+void readToEnd(std::string& bytes, std::size_t expected, Read read) {
+  std::size_t filled = 0;
+  bytes.resize(expected + 1);  // room behind what is expected: the end is seen without growing
+  while (const std::size_t got = read(&bytes[filled], bytes.size() - filled)) {
+    filled += got;
+    if (filled == bytes.size()) bytes.resize(2 * filled + kChunk);
+  }
+  bytes.resize(filled);
+}
+
+std::size_t readSome(int fd, char* buffer, std::size_t room, const std::string& path) {
+  for (;;) {
+    const ssize_t got = ::read(fd, buffer, room);
+    if (got >= 0) return static_cast<std::size_t>(got);
+    const int error = errno;  // making the message may change it
+    if (error == EISDIR) return 0;
+    if (error != EINTR) throwSystemError(path + ": read failed", error);
+  }
+}
+
+std::size_t takeSome(std::istream& in, char* buffer, std::size_t room) {
+  try {
+    const auto wanted = static_cast<std::streamsize>(room);
+    return static_cast<std::size_t>(in.rdbuf()->sgetn(buffer, wanted));
+  } catch (const std::ios_base::failure&) {  // a file buffer's, for a failed read
+    in.setstate(std::ios_base::badbit);
+    return 0;
+  }
+}
+
+}  // namespace
+
+FileContent readFileAndMode(const std::string& path) {
+  const UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  struct stat st = {};
+  if (!fd || ::fstat(fd.get(), &st) != 0) {
+    const int error = errno;
+    throwSystemError(path + ": open failed", error);
+  }
+  FileContent content{{}, st.st_mode};
+  const auto expected = S_ISREG(st.st_mode) ? static_cast<std::size_t>(st.st_size) : 0;
+  readToEnd(content.bytes, expected,
+            [&](char* buffer, std::size_t room) { return readSome(fd.get(), buffer, room, path); });
+  return content;
+}
+
+std::string readFile(const std::string& path) {
+  return readFileAndMode(path).bytes;
+}
+
+std::string readFile(std::istream& in) {
+  std::string bytes;
+  if (in.fail()) return bytes;
+  readToEnd(bytes, kChunk,
+            [&in](char* buffer, std::size_t room) { return takeSome(in, buffer, room); });
+  return bytes;
+}
+
+}  // namespace frask
