@@ -65,6 +65,9 @@ class DirStream {
     return true;
   }
 
+  /// Hands the descriptor of a directory that was read to its end to the caller; open() may follow.
+  UniqueFd release() noexcept { return std::move(fd_); }
+
   /// close(2)'s result; 0 for a detached stream.
   int close() noexcept { return fd_ ? fd_.close() : 0; }
 

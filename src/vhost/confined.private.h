@@ -3,13 +3,14 @@
 #define FRASK_VHOST_CONFINED_PRIVATE_H
 
 #include <string>
-#include <vector>
+#include <string_view>
 
 #include "fs/unique_fd.h"
+#include "vhost/directory_stack.private.h"
 
 namespace frask {
 
-/// Where an entry lies: `name` in the directory `dir_fd`, or by its full path at AT_FDCWD.
+/// Where an entry lies: `name` in the directory `dir_fd`, which may be AT_FDCWD.
 struct Place {
   int dir_fd;
   const char* name;
@@ -17,21 +18,37 @@ struct Place {
 
 /// A directory that root works in while its owner may be changing it. The directory itself may be
 /// reached through links; below it every component is opened as a directory and never as a link.
-/// The descriptor of the last parent is kept, for entries come in order and share theirs.
+/// The way to the last entry stays open, for entries come in order and share theirs.
 class ConfinedDirectory {
  public:
+  /// It is opened when it is first needed.
   explicit ConfinedDirectory(std::string base);
 
+  /// Works from here on in a directory that was opened already: what its path means may change.
+  void hold(UniqueFd fd) noexcept;
+
   /// Finds the directory that holds `relative`, "a/b/c"; an empty one is the base itself. A
-  /// component ".." has its path meaning. False with errno set: ELOOP where a component is a link,
-  /// ENOENT, ENOTDIR and all that openat(2) gives. `place` is good until the next call, and as long
-  /// as `relative` is.
-  bool locate(const std::string& relative, Place& place);
+  /// component ".." has its path meaning, and may lead out of the base; separators at the end mean
+  /// that it is a directory. False with errno set: ELOOP where a component is a link, ENOENT,
+  /// ENOTDIR and all that openat(2) gives. `place` is good until the next call, and as long as
+  /// `relative` is.
+  bool locate(const char* relative, Place& place);
 
   const std::string& base() const noexcept { return base_; }
 
  private:
+  bool open();
+  bool isPresent(std::string_view directory) const noexcept;
+  bool goTo(std::string_view directory);
+  bool goAbove();
+  void goUpTo(size_t depth) noexcept;
+  bool checkDirectory(const Place& place) const noexcept;
+
   std::string base_;
+  std::string name_;
+  UniqueFd fd_;
+  UniqueFd above_;  ///< the directory above the base that a ".." led to
+  DirectoryStack way_;
 };
 
 }  // namespace frask

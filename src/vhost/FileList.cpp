@@ -1,0 +1,26 @@
+#include "vhost/FileList.h"
+
+#include "vhost/listing.private.h"
+#include "vhost/path_text.private.h"
+
+namespace frask {
+
+int readDirContent(std::vector<std::filesystem::path>* out, const std::filesystem::path& dir,
+                   unsigned int skip) {
+  TreeListing listing;
+  listing.add(dir.native(), "");
+  out->reserve(out->size() + listing.size());
+  listing.inReadingOrder([&](const std::string& path, bool /*isDirectory*/) {
+    const std::string full = path.empty() ? dir.native() : joinedPaths(dir.native(), path);
+    out->emplace_back(withoutLeadingElements(full, skip));
+  });
+  return 0;
+}
+
+std::vector<std::filesystem::path> readDirContent(const std::filesystem::path& dir) {
+  std::vector<std::filesystem::path> entries;
+  readDirContent(&entries, dir, static_cast<unsigned>(pathLength(dir)));
+  return entries;
+}
+
+}  // namespace frask
