@@ -1,26 +1,15 @@
 #include "tree_support.h"
 
 #include <fcntl.h>
-#include <grp.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <stddef.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/sysmacros.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <stdexcept>
-
 #include "fs/tree.h"
-#include "support/scratch.h"
 
 namespace fs = std::filesystem;
 
@@ -28,24 +17,6 @@ namespace fstest {
 namespace {
 
 constexpr long kFchmodat2 = 452;
-constexpr unsigned kAllDescriptors = ~0U;
-
-void require(bool done, const std::string& what) {
-  if (!done) throw std::runtime_error(what + ": " + strerror(errno));
-}
-
-void make_socket(const fs::path& path) {
-  sockaddr_un address = {};
-  address.sun_family = AF_UNIX;
-  const std::string text = path.string();
-  require(text.size() < sizeof address.sun_path, "the name of a socket is too long");
-  text.copy(address.sun_path, text.size());
-  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const auto* generic = reinterpret_cast<const sockaddr*>(&address);
-  require(fd >= 0 && bind(fd, generic, sizeof address) == 0, "binding a socket");
-  close(fd);
-  require(chmod(path.c_str(), 0604) == 0, "chmod");
-}
 
 }  // namespace
 
@@ -71,40 +42,6 @@ testsupport::Outcome ended(int exit_code, const std::string& reports) {
   return {reports, reports, exit_code << 8};
 }
 
-void make_each_type(const fs::path& top) {
-  testsupport::write_file(top / "dir/file", "inner", 0604);
-  testsupport::write_file(top / "file", "outer", 0604);
-  require(chmod((top / "dir").c_str(), 0705) == 0, "chmod");
-  fs::create_symlink("file", top / "link");
-  fs::create_symlink("dir", top / "dirlink");
-  fs::create_symlink("nowhere", top / "dangling");
-  require(mkfifo((top / "pipe").c_str(), 0604) == 0, "mkfifo");
-  require(chmod((top / "pipe").c_str(), 0604) == 0, "chmod");
-  require(mknod((top / "device").c_str(), S_IFCHR | 0604, makedev(1, 3)) == 0, "mknod");
-  require(chmod((top / "device").c_str(), 0604) == 0, "chmod");
-  make_socket(top / "socket");
-}
-
-void make_chain(const fs::path& top, int depth, const std::string& name) {
-  int dir = open(top.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  require(dir >= 0, "opening " + top.string());
-  for (int i = 0; i < depth; ++i) {
-    require(mkdirat(dir, name.c_str(), 0755) == 0, "mkdirat");
-    const int below = openat(dir, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    require(below >= 0, "openat");
-    close(dir);
-    dir = below;
-  }
-  close(dir);
-}
-
-void become_nobody_in(const fs::path& directory) {
-  constexpr id_t kNobody = 65534;
-  if (chdir(directory.c_str()) != 0 || setgroups(0, nullptr) != 0 || setgid(kNobody) != 0 ||
-      setuid(kNobody) != 0)
-    _exit(97);
-}
-
 void forget_fchmodat2() {
   sock_filter filter[] = {
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
@@ -116,15 +53,6 @@ void forget_fchmodat2() {
   if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
       prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program, 0, 0) != 0)
     _exit(97);
-}
-
-void limit_descriptors(unsigned most) {
-  rlimit limit = {};
-  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(97);
-  limit.rlim_cur = std::min(rlim_t{most}, limit.rlim_max);
-  if (setrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(97);
-  // At the end of the process a search for leaks opens files.
-  if (most != kAllDescriptors) atexit([] { limit_descriptors(kAllDescriptors); });
 }
 
 void allow_descriptors(int more) {

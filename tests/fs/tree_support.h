@@ -8,8 +8,15 @@
 #include <vector>
 
 #include "support/child.h"
+#include "support/limits.h"
+#include "support/odd_trees.h"
 
 namespace fstest {
+
+using testsupport::become_nobody_in;
+using testsupport::limit_descriptors;
+using testsupport::make_chain;
+using testsupport::make_each_type;
 
 /// chown_tree() or chmod_tree() on a path, with the texts in which they differ.
 struct Change {
@@ -29,23 +36,8 @@ std::string report(const std::string& text, const std::string& name, int error);
 /// How a child ends that has written `reports` to both streams.
 testsupport::Outcome ended(int exit_code, const std::string& reports);
 
-/// A directory holding one entry of each type: "dir" with "file" in it, "file", "link" to that
-/// file, "dirlink" to that directory, "dangling", "pipe", "socket" and "device". All of mode 0604
-/// or 0705.
-void make_each_type(const std::filesystem::path& top);
-
-/// `names` below `top`, one inside the other, each of mode 0755.
-void make_chain(const std::filesystem::path& top, int depth, const std::string& name);
-
-/// Gives up root for good; the process ends with status 97 where that fails. `directory` becomes
-/// the working directory.
-void become_nobody_in(const std::filesystem::path& directory);
-
 /// From now on the kernel lacks the system call that changes modes without following links.
 void forget_fchmodat2();
-
-/// Lets this process have descriptors below `most` only.
-void limit_descriptors(unsigned most);
 
 /// Lets this process have `more` descriptors open at a time besides those that it has.
 void allow_descriptors(int more);
