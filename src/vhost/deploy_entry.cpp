@@ -63,11 +63,12 @@ std::error_code lastError() {
   return {errno, std::generic_category()};
 }
 
-/// Creates what is missing on the way to a target, its directory included, for whom the options
-/// alone have said that it is to be there.
+/// Creates what is missing on the way to a target, the directory that the options give included: it
+/// was there, or was created, before what lies below it, and somebody has removed it since.
 std::error_code createParents(const Target& target) {
   std::error_code error;
   fs::create_directories(target.directory->base(), error);
+  *target.directory = ConfinedDirectory(target.directory->base());
   const std::string_view below(target.below);
   for (size_t end = below.find('/'); !error && end != below.npos; end = below.find('/', end + 1)) {
     const std::string parent(below.substr(0, end));
