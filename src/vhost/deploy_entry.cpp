@@ -99,21 +99,24 @@ EntryDeployer::EntryDeployer(const std::string& skeleton, const VhostPath& host,
 void EntryDeployer::deploy(const std::string& entry) {
   Target target = {};
   if (!targets_.find(entry, target)) return;
-  const Found there = look(*target.directory, target.below);
-  if (there.error != 0 && there.error != ENOENT) return reportUnexaminedTarget(target, there.error);
-
   const Found original = look(skeleton_, entry.c_str());
-  const bool isDirectory = original.error == 0 && S_ISDIR(original.st.st_mode);
+  const mode_t type = original.error == 0 ? original.st.st_mode & S_IFMT : 0;
+  // Most entries are files that are missing; whether one is, its creation tells.
+  if (type == S_IFREG && createFile(original, target)) return;
+
+  const Found there = look(*target.directory, target.below);
   if (there.error == 0) {
-    if (!isDirectory || !S_ISDIR(there.st.st_mode)) reportExisting(target);
-    return;
+    if (type != S_IFDIR || !S_ISDIR(there.st.st_mode)) reportExisting(target);
+  } else if (there.error != ENOENT) {
+    reportUnexaminedTarget(target, there.error);
+  } else if (original.error != 0) {
+    if (original.error != ENOENT)
+      reportUnexaminedOriginal(pathOf(skeleton_, entry.c_str()), original.error);
+  } else if (type == S_IFDIR) {
+    createDirectory(original.st.st_mode, target, there.place);
+  } else if (type != S_IFREG) {
+    reportSpecial(target);
   }
-  if (original.error == ENOENT) return;
-  if (original.error != 0)
-    return reportUnexaminedOriginal(pathOf(skeleton_, entry.c_str()), original.error);
-  if (isDirectory) return createDirectory(original.st.st_mode, target, there.place);
-  if (S_ISREG(original.st.st_mode)) return createFile(original, target, there.place);
-  reportSpecial(target);
 }
 
 EntryDeployer::Found EntryDeployer::look(ConfinedDirectory& directory, const char* below) {
@@ -127,19 +130,23 @@ EntryDeployer::Found EntryDeployer::look(ConfinedDirectory& directory, const cha
   return found;
 }
 
-void EntryDeployer::createFile(const Found& original, const Target& target, const Place& place) {
-  const UniqueFd from(::openat(original.place.dir_fd, original.place.name,
-                               O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+bool EntryDeployer::createFile(const Found& original, const Target& target) {
+  Place place = {};
+  if (!target.directory->locate(target.below, place)) return false;
   // Not even at first is it open to more users than in the end.
   const UniqueFd to(::openat(place.dir_fd, place.name,
                              O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
                              original.st.st_mode & kReadWrite));
+  if (!to && errno != EEXIST) return false;
   if (!to) {
-    if (errno == EEXIST) reportExisting(target);
-    return;
+    reportExisting(target);
+    return true;
   }
+  const UniqueFd from(::openat(original.place.dir_fd, original.place.name,
+                               O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   if (from) copier_.copy(from.get(), to.get(), original.st.st_size);
   setModeAndGroup(to.get(), original.st.st_mode);
+  return true;
 }
 
 void EntryDeployer::createDirectory(mode_t mode, const Target& target, Place place) {

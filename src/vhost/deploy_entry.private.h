@@ -34,8 +34,8 @@ class EntryDeployer {
   };
 
   static Found look(ConfinedDirectory& directory, const char* below);
-  void create(const std::string& entry, const Target& target, const Found& there);
-  void createFile(const Found& original, const Target& target, const Place& place);
+  /// False when the file was not created, for another reason than that something is there.
+  bool createFile(const Found& original, const Target& target);
   void createDirectory(mode_t mode, const Target& target, Place place);
   void setModeAndGroup(int fd, mode_t mode) const noexcept;
 

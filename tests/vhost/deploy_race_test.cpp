@@ -48,10 +48,10 @@ using SetupSkeletonInARace = DeployRaceTest;
 
 /// The calls in which a name occurs: the listing opens each directory, and looks at the first entry
 /// of each.
-const Call kOpeningOfOriginalFile{SYS_openat, "file", 1};
-const Call kCreationOfFile{SYS_openat, "file", 2};
-const Call kLookAtTargetFile{SYS_newfstatat, "file", 2};
-const Call kLookAtOriginalFile{SYS_newfstatat, "file", 3};
+const Call kLookAtOriginalFile{SYS_newfstatat, "file", 2};
+const Call kCreationOfFile{SYS_openat, "file", 1};
+const Call kOpeningOfOriginalFile{SYS_openat, "file", 2};
+const Call kWayIntoOriginalDirectory{SYS_openat, "conf", 2};
 const Call kCreationOfDirectory{SYS_mkdirat, "sub"};
 const Call kOpeningOfNewDirectory{SYS_openat, "sub", 2};
 const Call kWayIntoNewDirectory{SYS_openat, "sub", 3};
@@ -135,7 +135,7 @@ TEST_F(SetupSkeletonInARace, CopiesAnOriginalThatGrowsOrShrinks) {
 
 TEST_F(SetupSkeletonInARace, PassesNoLinkThatGetsIntoTheSkeleton) {
   write_file(skeleton("conf/file"), "text");
-  EXPECT_EQ(deployStoppedAt(kLookAtTargetFile, [] { putLinkAt(skeleton("conf")); }),
+  EXPECT_EQ(deployStoppedAt(kWayIntoOriginalDirectory, [] { putLinkAt(skeleton("conf")); }),
             done(unexaminedOriginal(skeleton("conf/file"), ELOOP)));
 }
 
