@@ -1,7 +1,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <stdalign.h>
-#include <stdbool.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -26,9 +25,9 @@ static int add(Paths* paths, const char* directory, size_t length, const char* n
   const size_t name_size = strlen(name) + 1;
   char* path = malloc(length + 1 + name_size);
   if (path == NULL) return -1;
-  memcpy(path, directory, length);
-  path[length] = '/';
-  memcpy(path + length + (length > 0), name, name_size);
+  char* end = mempcpy(path, directory, length);
+  if (length > 0) *end++ = '/';
+  mempcpy(end, name, name_size);
   paths->all[paths->count++] = path;
   return 0;
 }
@@ -127,7 +126,7 @@ static int write_replaced(int fd, Buffers* buffers, size_t size, const char* nam
   if (found == NULL) return write_whole(fd, buffers->text, size);
 
   const size_t name_length = strlen(name);
-  const size_t most = size + size / length * (name_length > length ? name_length - length : 0);
+  const size_t most = 1 + size + size / length * (name_length > length ? name_length - length : 0);
   if (reserve(&buffers->replaced, &buffers->replaced_size, most) != 0) return -1;
   const char* at = buffers->text;
   const char* end = at + size;
@@ -147,7 +146,7 @@ static int copy_file(int from_dir, int to_dir, const char* name, const struct st
   const int from = openat(from_dir, name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
   const int to = openat(to_dir, name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, st->st_mode);
   if (from < 0 || to < 0) return -1;
-  if (reserve(&buffers->text, &buffers->text_size, size) != 0) return -1;
+  if (reserve(&buffers->text, &buffers->text_size, size + 1) != 0) return -1;
   if (read_whole(from, buffers->text, size) != 0) return -1;
   if (write_replaced(to, buffers, size, domain) != 0) return -1;
   close(from);
@@ -189,15 +188,21 @@ static int copy_all(const Paths* paths, Side from, Side to, const char* domain, 
   return 0;
 }
 
-int limit_deploy(const char* skeleton, const char* host, const char* domain, gid_t group) {
-  Paths paths = {NULL, 0, 0};
-  if (list(AT_FDCWD, skeleton, "", &paths) != 0) return -1;
-  qsort(paths.all, paths.count, sizeof(char*), compare);
+static int copy_listed(const Paths* paths, const char* skeleton, const char* host,
+                       const char* domain, gid_t group) {
   const int from = open(skeleton, O_PATH | O_DIRECTORY | O_CLOEXEC);
   const int to = open(host, O_PATH | O_DIRECTORY | O_CLOEXEC);
   if (from < 0 || to < 0) return -1;
-  const int result = copy_all(&paths, (Side){from, from}, (Side){to, to}, domain, group);
+  const int result = copy_all(paths, (Side){from, from}, (Side){to, to}, domain, group);
   close(from), close(to);
+  return result;
+}
+
+int limit_deploy(const char* skeleton, const char* host, const char* domain, gid_t group) {
+  Paths paths = {NULL, 0, 0};
+  int result = list(AT_FDCWD, skeleton, "", &paths);
+  if (paths.count > 0) qsort(paths.all, paths.count, sizeof(char*), compare);
+  if (result == 0) result = copy_listed(&paths, skeleton, host, domain, group);
   for (size_t i = 0; i < paths.count; ++i) free(paths.all[i]);
   free(paths.all);
   return result;

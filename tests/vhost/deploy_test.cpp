@@ -1,7 +1,11 @@
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <fstream>
+#include <iostream>
 
 #include "support/private_mounts.h"
 #include "vhost/deploy_fixture.h"
@@ -21,8 +25,7 @@ void make_directory(const std::string& path, mode_t mode = 0755) {
 }
 
 TEST_F(SetupSkeleton, CopiesDirectoriesAndFilesWithTheSitesName) {
-  write_file(skeleton("httpdocs/index.html"),
-             "<a href=\"http://@domain_name@/\">@domain_name@</a>");
+  write_file(skeleton("httpdocs/index.html"), "<p>@domain_name@@domain_name@</p>");
   write_file(skeleton("httpdocs/img/logo.png"), std::string("\0@domain_name@\0", 15), 0600);
   write_file(skeleton("error_docs/empty.html"), "");
   write_file(skeleton("README"), "not in a section");
@@ -31,8 +34,7 @@ TEST_F(SetupSkeleton, CopiesDirectoriesAndFilesWithTheSitesName) {
             (Lines{"d 0755 0:4242 error_docs", "f 0644 0:4242 error_docs/empty.html ",
                    "d 0755 0:4242 httpdocs", "d 0755 0:4242 httpdocs/img",
                    "f 0600 0:4242 httpdocs/img/logo.png " + std::string("\0example.com\0", 13),
-                   "f 0644 0:4242 httpdocs/index.html "
-                   "<a href=\"http://example.com/\">example.com</a>"}));
+                   "f 0644 0:4242 httpdocs/index.html <p>example.comexample.com</p>"}));
 }
 
 TEST_F(SetupSkeleton, GivesTheSkeletonsModesWhateverTheMask) {
@@ -269,6 +271,34 @@ TEST_F(SetupSkeleton, DeploysFarMoreThanOneReadOfALargeFile) {
   write_file(skeleton("conf/large"), text);
   EXPECT_EQ(deploy(), done());
   EXPECT_TRUE(testsupport::read_file(host("conf/large")) == expected);
+}
+
+long most_kilobytes_used() {
+  rusage usage = {};
+  EXPECT_EQ(getrusage(RUSAGE_SELF, &usage), 0);
+  return usage.ru_maxrss;
+}
+
+TEST_F(SetupSkeleton, DeploysAFileOf256MiBInLittleMemory) {
+  constexpr off_t kSize = 268435456;
+  constexpr long kKilobytes = 16384;
+  const std::string placeholder = "@domain_name@";
+  write_file(skeleton("conf/large"), placeholder);
+  ASSERT_EQ(truncate(skeleton("conf/large").c_str(), kSize), 0);
+  std::ofstream(skeleton("conf/large"), std::ios::app) << placeholder;
+  const auto outcome = testsupport::in_child([&] {
+    const long before = most_kilobytes_used();
+    deployHere();
+    std::cout << (most_kilobytes_used() - before < kKilobytes ? "little" : "much");
+  });
+  EXPECT_EQ(outcome.out, "0\nlittle");
+  std::ifstream copy(host("conf/large"));
+  std::string head(12, 'x');
+  std::string tail(12, 'x');
+  copy.read(head.data(), 12).seekg(-12, std::ios::end).read(tail.data(), 12);
+  EXPECT_EQ(head, std::string("example.com\0", 12));
+  EXPECT_EQ(tail, std::string("\0example.com", 12));
+  EXPECT_EQ(fs::file_size(host("conf/large")), static_cast<size_t>(kSize) - 13 + 11 + 11);
 }
 
 TEST_F(SetupSkeleton, LeavesNoDescriptorOpen) {
