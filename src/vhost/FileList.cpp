@@ -1,5 +1,8 @@
 #include "vhost/FileList.h"
 
+#include <algorithm>
+
+#include "vhost/delete_entry.private.h"
 #include "vhost/listing.private.h"
 #include "vhost/path_text.private.h"
 
@@ -21,6 +24,14 @@ std::vector<std::filesystem::path> readDirContent(const std::filesystem::path& d
   std::vector<std::filesystem::path> entries;
   readDirContent(&entries, dir, static_cast<unsigned>(pathLength(dir)));
   return entries;
+}
+
+void cleanDirContent(std::vector<std::filesystem::path>* entries, const std::filesystem::path& base,
+                     const ExtractParams& params) {
+  std::sort(entries->begin(), entries->end(),
+            [](const auto& a, const auto& b) { return comparePaths(a.native(), b.native()) > 0; });
+  DeleteDirEntry remove(base.native(), params);
+  for (const std::filesystem::path& entry : *entries) remove(entry.native());
 }
 
 }  // namespace frask

@@ -34,7 +34,13 @@ enum InstallSection : int {
 FRASK_API int readDirContent(std::vector<std::filesystem::path>* out,
                              const std::filesystem::path& dir, unsigned int skip);
 
-/** The listing of `dir`, relative to `dir`. */
+/**
+ * The listing of `dir`, relative to `dir`.
+ *
+ * Deliberate: pathLength() counts a separator at the end of `dir` as an element, and the entries
+ * then lose their first one. Pinned by
+ * ReadDirContent.CountsASeparatorBehindTheDirectoryAsAnElement.
+ */
 FRASK_API std::vector<std::filesystem::path> readDirContent(const std::filesystem::path& dir);
 
 /**

@@ -1,7 +1,11 @@
 #include "vhost/entry_points.h"
 
+#include <iostream>
+
 #include "conf/oxaconf.h"
+#include "vhost/clean.private.h"
 #include "vhost/entry_points.private.h"
+#include "vhost/instance.private.h"
 #include "vhost/misc.h"
 
 namespace frask {
@@ -53,4 +57,16 @@ int setup_skeleton_on_subdomain(const char* domain, const char* subdomain, const
       params.skipHttpdocs ? frask::SETUP_SKELETON_NO_DOCROOT : frask::SETUP_SKELETON_ALL;
   frask::setup_skeleton(host, mode, skeletonId, params);
   return 0;
+}
+
+int clean_docroot(const char* vhostDir, const DocrootCleanOptions* options) {
+  frask::cleanDocroot(vhostDir, frask::toExtractParams(*options));
+  return 0;  // failures are reported, and are no result
+}
+
+void wido_delete_instance(const char* vhostDir, const DocrootCleanOptions* options,
+                          const char* prefix) {
+  const std::string place = prefix;
+  frask::deleteInstance(vhostDir, frask::toExtractParams(*options), place,
+                        frask::readFile(std::cin));
 }
