@@ -75,6 +75,7 @@ std::vector<Row> wanted_rows(const Options& options) {
   bench::add_clean_rows(rows, options.sizes);
   bench::add_capture_rows(rows);
   bench::add_object_rows(rows);
+  bench::add_deploy_rows(rows, options.sizes);
   const auto is_unwanted = [&options](const Row& row) { return !is_wanted(row, options.names); };
   rows.erase(std::remove_if(rows.begin(), rows.end(), is_unwanted), rows.end());
   return rows;

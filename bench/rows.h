@@ -32,6 +32,7 @@ void add_tree_rows(std::vector<Row>& rows, const std::vector<long>& sizes);
 void add_clean_rows(std::vector<Row>& rows, const std::vector<long>& sizes);
 void add_capture_rows(std::vector<Row>& rows);
 void add_object_rows(std::vector<Row>& rows);
+void add_deploy_rows(std::vector<Row>& rows, const std::vector<long>& sizes);
 
 }  // namespace bench
 

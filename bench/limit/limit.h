@@ -25,6 +25,12 @@ int limit_clean(const char* top);
 int limit_set_perms(const char* top, uid_t owner, gid_t group, mode_t file_mode, mode_t dir_mode);
 
 /**
+ * Copies all below `skeleton` into the directory `host`, in the order of paths, with `domain` in
+ * the place of "@domain_name@". Looks at both sides, and fails where something exists.
+ */
+int limit_deploy(const char* skeleton, const char* host, const char* domain, gid_t group);
+
+/**
  * Runs a program by posix_spawn() and reads its standard output into a growing buffer.
  *
  * @param text    receives a block that the caller frees with free()

@@ -1,13 +1,18 @@
 #include "support/private_mounts.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <sched.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/mount.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <stdexcept>
 #include <string>
+
+#include "support/scratch.h"
 
 namespace fs = std::filesystem;
 
@@ -53,6 +58,16 @@ void enter_private_mounts() {
   provide("/usr/local/oxa", "/usr/local");
   provide("/var/www", "/var");
   provide("/var/lib/mysql", "/var/lib");
+}
+
+void mount_file_over(const std::string& place, const std::string& content) {
+  std::string file = "/mnt/file-XXXXXX";
+  const int fd = mkostemp(file.data(), O_CLOEXEC);
+  require(fd >= 0 && close(fd) == 0, file);
+  write_file(file, content);
+  // It stays: nothing can be mounted on a file that was removed.
+  require(mount(file.c_str(), place.c_str(), nullptr, MS_BIND, nullptr) == 0,
+          "mounting a file on " + place);
 }
 
 }  // namespace testsupport

@@ -2,6 +2,8 @@
 #ifndef TESTS_SUPPORT_PRIVATE_MOUNTS_H
 #define TESTS_SUPPORT_PRIVATE_MOUNTS_H
 
+#include <string>
+
 namespace testsupport {
 
 /// Moves this process into a mount namespace of its own, in which "/etc/oxa", "/usr/local/oxa",
@@ -9,6 +11,9 @@ namespace testsupport {
 /// Nothing of the host is touched and all of it is gone with the process. Needs root; throws
 /// std::runtime_error with the reason where it cannot be done.
 void enter_private_mounts();
+
+/// Puts a file of this content in the place of another, in this process's private mounts.
+void mount_file_over(const std::string& place, const std::string& content);
 
 }  // namespace testsupport
 

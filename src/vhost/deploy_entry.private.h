@@ -1,0 +1,50 @@
+// Not installed: one entry of a skeleton, put into a site.
+#ifndef FRASK_VHOST_DEPLOY_ENTRY_PRIVATE_H
+#define FRASK_VHOST_DEPLOY_ENTRY_PRIVATE_H
+
+#include <sys/stat.h>
+
+#include <string>
+
+#include "vhost/confined.private.h"
+#include "vhost/deploy_file.private.h"
+#include "vhost/deploy_target.private.h"
+
+namespace frask {
+
+/// Puts the entries of one skeleton into one site. What exists there stays as it is.
+class EntryDeployer {
+ public:
+  /// @param group  of all that is created
+  EntryDeployer(const std::string& skeleton, const VhostPath& host, const ExtractParams& params,
+                gid_t group);
+
+  /// Deploys `entry`, "SECTION" or "SECTION/...", whose parent has been deployed before. What keeps
+  /// it from that is reported on standard error, one line.
+  ///
+  /// @throws std::filesystem::filesystem_error when a directory cannot be created
+  void deploy(const std::string& entry);
+
+ private:
+  /// What lies at a place. Where it was not found (`error`), the place may be none.
+  struct Found {
+    Place place;
+    struct stat st;
+    int error;
+  };
+
+  static Found look(ConfinedDirectory& directory, const char* below);
+  /// False when the file was not created, for another reason than that something is there.
+  bool createFile(const Found& original, const Target& target);
+  void createDirectory(mode_t mode, const Target& target, Place place);
+  void setModeAndGroup(int fd, mode_t mode) const noexcept;
+
+  ConfinedDirectory skeleton_;
+  TargetFinder targets_;
+  FileCopier copier_;
+  gid_t group_;
+};
+
+}  // namespace frask
+
+#endif

@@ -1,0 +1,32 @@
+// Not installed: the content of a skeleton's files on its way into a site.
+#ifndef FRASK_VHOST_DEPLOY_FILE_PRIVATE_H
+#define FRASK_VHOST_DEPLOY_FILE_PRIVATE_H
+
+#include <sys/types.h>
+
+#include <memory>
+#include <string>
+
+namespace frask {
+
+/// Copies files with the placeholders replaced by one site's name. It needs as much memory as a
+/// piece of a file, whatever the file's size, and takes it once for all files.
+class FileCopier {
+ public:
+  explicit FileCopier(std::string siteName);
+
+  /// Copies what is left of `from` to `to`. Failures are passed over: a file that cannot be read is
+  /// at its end there, and what cannot be written is missing from there on.
+  ///
+  /// @param expected  the size of a regular file, which saves the look whether there is more
+  void copy(int from, int to, off_t expected);
+
+ private:
+  std::string siteName_;
+  std::unique_ptr<char[]> piece_;
+  std::string replaced_;
+};
+
+}  // namespace frask
+
+#endif

@@ -1,0 +1,98 @@
+#include <algorithm>
+#include <filesystem>
+
+#include "vhost/deploy_fixture.h"
+
+// What a deployment costs in system calls, and what it is when some of them fail.
+namespace {
+
+using SetupSkeleton = DeployTest;
+using testsupport::write_file;
+using Lines = std::vector<std::string>;
+namespace fs = std::filesystem;
+
+constexpr const char* kLog = "/mnt/log";
+
+/// A C program that deploys, under strace with these options.
+testsupport::Outcome deploy_traced(std::vector<std::string> options,
+                                   const DocrootCleanOptions& directories) {
+  testsupport::RunOptions run;
+  run.environment["ASAN_OPTIONS"] = "detect_leaks=0:quarantine_size_mb=0";
+  options.insert(options.begin(), {"strace", "-qq"});
+  options.insert(options.end(), {DEPLOY_CALLS_PROGRAM, "/var/www/vhosts/example.com", "7",
+                                 directories.docrootDir, directories.cgiBinDir});
+  return testsupport::run(options, run);
+}
+
+long count(const std::string& text, const std::string& part) {
+  long found = 0;
+  for (size_t at = text.find(part); at != text.npos; at = text.find(part, at + 1)) ++found;
+  return found;
+}
+
+/// The calls in all of the deployment of `dirs` directories with `files` files each.
+long calls_for(const std::string& skeleton, const DocrootCleanOptions& directories, int dirs,
+               int files) {
+  fs::remove_all(skeleton);
+  fs::remove_all("/var/www/vhosts/example.com");
+  for (int dir = 0; dir < dirs; ++dir) {
+    const std::string path = skeleton + "httpdocs/" + std::to_string(dir);
+    fs::create_directories(path);
+    for (int file = 0; file < files; ++file)
+      write_file(path + "/" + std::to_string(file), "@domain_name@");
+  }
+  EXPECT_EQ(deploy_traced({"-o", kLog}, directories), (testsupport::Outcome{"", "", 0}));
+  return count(testsupport::read_file(kLog), "\n");
+}
+
+TEST_F(SetupSkeleton, MakesNineCallsForAFileAndSixteenForADirectory) {
+  constexpr int kDirs = 50;
+  constexpr int kFiles = 40;
+  const long least = calls_for(skeleton(""), options_, 1, 1);
+  const long with_dirs = calls_for(skeleton(""), options_, 1 + kDirs, 1);
+  const long with_files = calls_for(skeleton(""), options_, 1 + kDirs, 1 + kFiles);
+  EXPECT_EQ(with_files - with_dirs, 9L * kFiles * (1 + kDirs));
+  EXPECT_EQ(with_dirs - least, 25L * kDirs) << "each with its one file";
+}
+
+TEST_F(SetupSkeleton, LooksForTheGroupOnce) {
+  for (int file = 0; file < 20; ++file) write_file(skeleton("conf/" + std::to_string(file)), "");
+  EXPECT_EQ(deploy_traced({"-o", kLog}, options_), (testsupport::Outcome{"", "", 0}));
+  EXPECT_EQ(count(testsupport::read_file(kLog), "\"/etc/group\""), 1);
+}
+
+TEST_F(SetupSkeleton, IgnoresModesAndGroupsThatCannotBeSet) {
+  write_file(skeleton("conf/file"), "text", 0640);
+  EXPECT_EQ(deploy_traced({"-o", kLog, "-e", "inject=fchmod,fchown:error=EPERM"}, options_),
+            (testsupport::Outcome{"", "", 0}));
+  EXPECT_EQ(deployed(), (Lines{"d 0755 0:0 conf", "f 0640 0:0 conf/file text"}));
+}
+
+TEST_F(SetupSkeleton, GoesOnAfterAnInterruptedReadOrWrite) {
+  write_file(skeleton("conf/file"), "text");
+  for (const char* call : {"read", "write"}) {
+    SCOPED_TRACE(call);
+    fs::remove_all(root("example.com"));
+    ASSERT_EQ(deploy_traced({"-o", kLog, "-P", skeleton("conf/file"), "-P", host("conf/file"), "-e",
+                             std::string("inject=") + call + ":error=EINTR:when=1"},
+                            options_),
+              (testsupport::Outcome{"", "", 0}));
+    EXPECT_NE(testsupport::read_file(kLog).find("(INJECTED)"), std::string::npos);
+    EXPECT_EQ(testsupport::read_file(host("conf/file")), "text");
+  }
+}
+
+TEST_F(SetupSkeleton, KeepsWhatWasReadBeforeAFailure) {
+  const std::string text(300000, 'x');
+  write_file(skeleton("conf/file"), text, 0604);
+  ASSERT_EQ(
+      deploy_traced({"-o", kLog, "-P", skeleton("conf/file"), "-e", "inject=read:error=EIO:when=2"},
+                    options_),
+      (testsupport::Outcome{"", "", 0}));
+  EXPECT_EQ(testsupport::mode_of(host("conf/file")), 0604U);
+  const std::string copy = testsupport::read_file(host("conf/file"));
+  EXPECT_EQ(copy, text.substr(0, copy.size()));
+  EXPECT_EQ(copy.size(), 262144U);
+}
+
+}  // namespace

@@ -1,0 +1,194 @@
+#include <errno.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "support/stopped_child.h"
+#include "vhost/deploy_fixture.h"
+
+// Others change the skeleton and the site while a deployment is at work.
+namespace {
+
+using testsupport::Call;
+using testsupport::tree_listing;
+using testsupport::write_file;
+namespace fs = std::filesystem;
+
+class DeployRaceTest : public DeployTest {
+ protected:
+  testsupport::Outcome deployStoppedAt(const Call& call,
+                                       const std::function<void()>& meanwhile) const {
+    return testsupport::in_child_stopped_at(call, meanwhile, [&] { deployHere(); });
+  }
+
+  void SetUp() override {
+    DeployTest::SetUp();
+    write_file("/mnt/outside/kept", "kept");
+    outside_ = tree_listing("/mnt");
+  }
+
+  static void putLinkAt(const std::string& path) {
+    fs::rename(path, path + ".moved");
+    fs::create_directory_symlink("/mnt/outside", path);
+  }
+
+  void expectOutsideUnharmed() const {
+    EXPECT_EQ(tree_listing("/mnt/outside"), Lines{"f 0644 0:0 kept kept"});
+    EXPECT_EQ(testsupport::mode_of("/mnt/outside"), 0755U);
+    EXPECT_EQ(tree_listing("/mnt"), outside_);
+  }
+
+  Lines outside_;
+};
+
+using SetupSkeletonInARace = DeployRaceTest;
+
+/// The calls in which a name occurs: the listing opens each directory, and looks at the first entry
+/// of each.
+const Call kLookAtOriginalFile{SYS_newfstatat, "file", 2};
+const Call kCreationOfFile{SYS_openat, "file", 1};
+const Call kOpeningOfOriginalFile{SYS_openat, "file", 2};
+const Call kWayIntoOriginalDirectory{SYS_openat, "conf", 2};
+const Call kCreationOfDirectory{SYS_mkdirat, "sub"};
+const Call kOpeningOfNewDirectory{SYS_openat, "sub", 2};
+const Call kWayIntoNewDirectory{SYS_openat, "sub", 3};
+
+TEST_F(SetupSkeletonInARace, ReportsATargetThatAppearsBehindTheCheck) {
+  const std::string file = host("conf/file");
+  const std::string sub = host("conf/sub");
+  struct Row {
+    const char* what;
+    std::function<void(const std::string& path)> make;
+  };
+  const std::vector<Row> rows{
+      {"a file", [](const std::string& path) { write_file(path, "theirs"); }},
+      {"a directory", [](const std::string& path) { fs::create_directory(path); }},
+      {"a link", [](const std::string& path) { fs::create_symlink("/mnt/outside/new", path); }},
+      {"a pipe", [](const std::string& path) { mkfifo(path.c_str(), 0600); }}};
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    fs::remove_all(skeleton(""));
+    fs::remove_all(root("example.com"));
+    write_file(skeleton("conf/file"), "ours", 0611);
+    fs::create_directories(host("conf"));
+    EXPECT_EQ(deployStoppedAt(kCreationOfFile, [&] { row.make(file); }), done(existing(file)));
+    const Lines left = deployed();
+    ASSERT_EQ(left.size(), 2U);
+    EXPECT_EQ(left[1].find("4242"), std::string::npos) << left[1];
+    EXPECT_EQ(left[1].find("ours"), std::string::npos) << left[1];
+
+    fs::remove(skeleton("conf/file"));
+    fs::remove_all(file);
+    fs::create_directory(skeleton("conf/sub"));
+    EXPECT_EQ(deployStoppedAt(kCreationOfDirectory, [&] { row.make(sub); }), done(existing(sub)));
+    ASSERT_EQ(deployed().size(), 2U);
+    EXPECT_EQ(deployed()[1].find("4242"), std::string::npos) << deployed()[1];
+    expectOutsideUnharmed();
+  }
+}
+
+TEST_F(SetupSkeletonInARace, ReportsADocumentRootThatAppearsBehindTheCheck) {
+  fs::create_directories(skeleton("httpdocs"));
+  options_.docrootDir = "/var/www/vhosts/docs";
+  EXPECT_EQ(deployStoppedAt({SYS_mkdir, "", 2}, [] { fs::create_directory(root("docs")); }),
+            done(existing(root("docs"))));
+  EXPECT_EQ(testsupport::mode_of(root("docs")), 0755U);
+}
+
+TEST_F(SetupSkeletonInARace, PassesOverAnOriginalThatVanishes) {
+  write_file(skeleton("conf/file"), "");
+  const std::string path = skeleton("conf/file");
+  EXPECT_EQ(deployStoppedAt(kLookAtOriginalFile, [&] { fs::remove(path); }), done());
+  EXPECT_EQ(deployed(), Lines{"d 0755 0:4242 conf"});
+}
+
+TEST_F(SetupSkeletonInARace, TakesAnOriginalThatCannotBeReadAnyMoreAsEmpty) {
+  const std::string path = skeleton("conf/file");
+  const std::vector<std::function<void()>> changes{
+      [] {}, [&] { fs::create_symlink("/mnt/outside/kept", path); },
+      [&] { mkfifo(path.c_str(), 0600); }, [&] { fs::create_directory(path); }};
+  for (const auto& change : changes) {
+    fs::remove_all(path);
+    write_file(path, "text", 0604);
+    fs::remove_all(root("example.com"));
+    const auto outcome = deployStoppedAt(kOpeningOfOriginalFile, [&] {
+      fs::remove(path);
+      change();
+    });
+    EXPECT_EQ(outcome, done());
+    EXPECT_EQ(deployed(), (Lines{"d 0755 0:4242 conf", "f 0604 0:4242 conf/file "}));
+  }
+}
+
+TEST_F(SetupSkeletonInARace, CopiesAnOriginalThatGrowsOrShrinks) {
+  const std::string path = skeleton("conf/file");
+  for (const char* later : {"much longer than it was", "short", ""}) {
+    write_file(path, "as it was");
+    fs::remove_all(root("example.com"));
+    EXPECT_EQ(deployStoppedAt(kOpeningOfOriginalFile, [&] { write_file(path, later); }), done());
+    EXPECT_EQ(testsupport::read_file(host("conf/file")), later);
+  }
+}
+
+TEST_F(SetupSkeletonInARace, PassesNoLinkThatGetsIntoTheSkeleton) {
+  write_file(skeleton("conf/file"), "text");
+  EXPECT_EQ(deployStoppedAt(kWayIntoOriginalDirectory, [] { putLinkAt(skeleton("conf")); }),
+            done(unexaminedOriginal(skeleton("conf/file"), ELOOP)));
+}
+
+TEST_F(SetupSkeletonInARace, PassesNoLinkThatGetsIntoTheSite) {
+  write_file(skeleton("conf/sub/file"), "text");
+  ASSERT_EQ(chmod(skeleton("conf/sub").c_str(), 0700), 0);
+  EXPECT_EQ(deployStoppedAt(kOpeningOfNewDirectory, [] { putLinkAt(host("conf/sub")); }),
+            done(unexaminedTarget(host("conf/sub/file"), ELOOP)));
+  expectOutsideUnharmed();
+}
+
+TEST_F(SetupSkeletonInARace, WorksOnInADirectoryThatIsMovedAway) {
+  write_file(skeleton("conf/sub/file"), "text");
+  EXPECT_EQ(deployStoppedAt(kCreationOfFile, [] { putLinkAt(host("conf/sub")); }), done());
+  EXPECT_EQ(testsupport::read_file(host("conf/sub.moved/file")), "text");
+  expectOutsideUnharmed();
+}
+
+TEST_F(SetupSkeletonInARace, CreatesParentsAnewBelowTheDocumentRootOnly) {
+  fs::create_directories(skeleton("httpdocs/sub/deep/er"));
+  options_.docrootDir = "/var/www/vhosts/docs";
+  for (const char* removed : {"docs/sub", "docs"}) {
+    SCOPED_TRACE(removed);
+    fs::remove_all(root("docs"));
+    EXPECT_EQ(deployStoppedAt(kWayIntoNewDirectory, [&] { fs::remove_all(root(removed)); }),
+              done());
+    EXPECT_EQ(tree_listing(root("docs")),
+              (Lines{"d 0755 0:0 sub", "d 0755 0:4242 sub/deep", "d 0755 0:4242 sub/deep/er"}));
+  }
+  fs::rename(skeleton("httpdocs"), skeleton("conf"));
+  EXPECT_EQ(deployStoppedAt(kWayIntoNewDirectory, [] { fs::remove(host("conf/sub")); }),
+            thrown("filesystem error: cannot create directory: No such file or directory [" +
+                   host("conf/sub/deep") + "]"));
+}
+
+TEST_F(SetupSkeletonInARace, EndsWhereParentsCannotBeCreatedAnew) {
+  fs::create_directories(skeleton("httpdocs/sub/deep"));
+  fs::create_directories(root("docs"));
+  ASSERT_EQ(mount("tmpfs", root("docs").c_str(), "tmpfs", 0, "mode=0755"), 0);
+  options_.docrootDir = "/var/www/vhosts/docs";
+  const auto outcome = deployStoppedAt(kWayIntoNewDirectory, [] {
+    fs::remove(root("docs/sub"));
+    if (mount("", root("docs").c_str(), "", MS_REMOUNT | MS_RDONLY, nullptr) != 0) _exit(97);
+  });
+  EXPECT_EQ(outcome, thrown("filesystem error: cannot create directories: Read-only file system [" +
+                            root("docs/sub/deep") + "]"));
+}
+
+TEST_F(SetupSkeletonInARace, IgnoresAFileWhoseParentVanishes) {
+  write_file(skeleton("httpdocs/sub/file"), "text");
+  EXPECT_EQ(deployStoppedAt(kWayIntoNewDirectory, [] { fs::remove(host("httpdocs/sub")); }),
+            done());
+  EXPECT_EQ(deployed(), Lines{"d 0755 0:4242 httpdocs"});
+}
+
+}  // namespace

@@ -1,0 +1,111 @@
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "fs/unique_fd.h"
+#include "support/scratch.h"
+#include "vhost/deploy_entry.private.h"
+#include "vhost/deploy_fixture.h"
+
+// The parts of a deployment, where the whole cannot be brought to what is tested.
+namespace {
+
+using frask::FileCopier;
+using frask::UniqueFd;
+using testsupport::write_file;
+
+using EntryDeployer = DeployTest;
+
+TEST_F(EntryDeployer, ReportsAnEntryThatWasListedTwice) {
+  write_file(skeleton("conf/file"), "text");
+  std::filesystem::create_directories(host("conf"));
+  frask::VhostPath site;
+  site.fullPath = root("example.com");
+  const auto outcome = testsupport::in_child([&] {
+    frask::EntryDeployer deployer(store("7"), site, {}, 4242);
+    deployer.deploy("conf/file");
+    deployer.deploy("conf/file");
+  });
+  EXPECT_EQ(outcome.err, existing(host("conf/file")));
+  EXPECT_EQ(testsupport::read_file(host("conf/file")), "text");
+}
+
+/// "directory + below", with a "!" behind it for a remapped target, or "-".
+std::string target_of(frask::TargetFinder& targets, const std::string& entry) {
+  frask::Target target = {};
+  if (!targets.find(entry, target)) return "-";
+  return target.directory->base() + " + " + target.below + (target.remapped ? "!" : "");
+}
+
+TEST(TargetFinder, GoesBySections) {
+  frask::VhostPath site;
+  site.fullPath = "/host";
+  frask::ExtractParams params;
+  params.docrootDir = "/docs";
+  params.cgiBinDir = "/programs";
+  frask::TargetFinder all(site, params);
+  params.keepCgiBin = true;
+  params.keepErrorDocs = true;
+  params.skipHttpdocs = true;
+  frask::TargetFinder some(site, params);
+  struct Row {
+    const char* entry;
+    const char* with_all;
+    const char* with_some;
+  };
+  for (const Row& row :
+       {Row{"conf", "/host + conf", "/host + conf"},
+        {"conf/a", "/host + conf/a", "/host + conf/a"},
+        {"httpdocs", "/docs + !", "/docs + !"},
+        {"httpdocs/a/b", "/docs + a/b!", "/docs + a/b!"},
+        {"httpdocs2/a", "/host + httpdocs2/a", "/host + httpdocs2/a"},
+        {"httpsdocs", "-", "-"},
+        {"httpsdocs/a", "-", "-"},
+        {"cgi-bin", "/programs + !", "-"},
+        {"cgi-bin/a", "/programs + a!", "-"},
+        {"cgi", "/host + cgi", "/host + cgi"},
+        {"error_docs", "/host + error_docs", "-"},
+        {"error_docs/a", "/host + error_docs/a", "-"},
+        {"private/httpdocs", "/host + private/httpdocs", "/host + private/httpdocs"}}) {
+    SCOPED_TRACE(row.entry);
+    EXPECT_EQ(target_of(all, row.entry), row.with_all);
+    EXPECT_EQ(target_of(some, row.entry), row.with_some);
+  }
+}
+
+/// A source that gives one part a read, as a file does on a slow file system.
+UniqueFd source_of(const std::vector<std::string>& parts) {
+  int ends[2];
+  if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) return {};
+  const UniqueFd in(ends[1]);
+  for (const std::string& part : parts)
+    EXPECT_EQ(write(in.get(), part.data(), part.size()), static_cast<ssize_t>(part.size()));
+  return UniqueFd(ends[0]);
+}
+
+std::string copied(FileCopier& copier, const UniqueFd& from, off_t expected) {
+  const testsupport::ScratchDir scratch;
+  const std::string path = scratch / "file";
+  const UniqueFd to(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+  copier.copy(from.get(), to.get(), expected);
+  return testsupport::read_file(path);
+}
+
+TEST(FileCopier, FindsPlaceholdersThatComeInParts) {
+  FileCopier copier("a.test");
+  EXPECT_EQ(copied(copier, source_of({"1@", "domain_", "name@2@domain_name", "@3@domain_"}), 0),
+            "1a.test2a.test3@domain_");
+  EXPECT_EQ(copied(copier, source_of({"name@"}), 0), "name@") << "nothing is left of another file";
+}
+
+TEST(FileCopier, ReadsOnWhereAFileIsAsYetShorterThanExpected) {
+  FileCopier copier("a.test");
+  EXPECT_EQ(copied(copier, source_of({"1", "2", "3"}), 3), "123");
+}
+
+TEST(FileCopier, TakesWhatCannotBeReadForTheEnd) {
+  FileCopier copier("a.test");
+  EXPECT_EQ(copied(copier, UniqueFd(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC)), 3), "");
+}
+
+}  // namespace
