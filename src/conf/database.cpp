@@ -7,8 +7,6 @@
 #include <string.h>
 #include <sys/stat.h>
 
-#include <utility>
-
 #include "conf/connection.private.h"
 #include "conf/inifile.h"
 #include "conf/owners.private.h"
@@ -78,10 +76,10 @@ unsigned int port_number(const CString& text) {
 }
 
 /// Reads the first line of a file, without its newline and up to a NUL, where a string ends, into
-/// zeroed memory for `size` bytes and one more; null where there is none, an empty file included.
-/// errno is set, or 0 where the file simply ends. What is wiped is what was read: a large file's
+/// zeroed memory for `size` bytes and one more. False where there is none, an empty file included;
+/// errno is set, or 0 where the file simply ends. Only what was read is wiped later: a large file's
 /// memory is hardly touched.
-Secret first_line(FILE* file, size_t size, Secret line) {
+bool read_first_line(FILE* file, size_t size, Secret& line) {
   errno = 0;  // an older failure must not be named as the reason
   size_t length = 0;
   int c = EOF;
@@ -89,7 +87,7 @@ Secret first_line(FILE* file, size_t size, Secret line) {
     line.get()[length++] = static_cast<char>(c);
   line.get_deleter() = Wipe(length);
   const bool is_empty = length == 0 && c == EOF;
-  return is_empty || ferror(file) != 0 ? nullptr : std::move(line);
+  return !is_empty && ferror(file) == 0;
 }
 
 /// The administrator's password; null with the reason written.
@@ -105,13 +103,15 @@ Secret read_shadow(const ErrorText& failure) {
     return nullptr;
   }
   const auto size = static_cast<size_t>(st.st_size);
-  Secret memory(static_cast<char*>(calloc(size + 1, 1)));
-  if (!memory) {
+  Secret password(static_cast<char*>(calloc(size + 1, 1)));
+  if (!password) {
     failure.write("Unable to allocate memory for password");
     return nullptr;
   }
-  Secret password = first_line(file.stream(), size, std::move(memory));
-  if (!password) failure.write("Unable to read admin password file: %s", strerror(errno));
+  if (!read_first_line(file.stream(), size, password)) {
+    failure.write("Unable to read admin password file: %s", strerror(errno));
+    return nullptr;
+  }
   return password;
 }
 

@@ -63,7 +63,8 @@ std::string row_pattern(const std::string& format) {
   pattern = std::regex_replace(pattern, std::regex("(\\\\n)+$"), "");
   pattern = std::regex_replace(pattern, std::regex("\\\\n"), "`, `");
   pattern = std::regex_replace(pattern, std::regex("%[a-z]+"), "[^|`]+");
-  return R"(\| `)" + pattern + R"(` \| [^|]+ \| [^|]+ \|)";
+  pattern.insert(0, R"(\| `)");
+  return pattern.append(R"(` \| [^|]+ \| [^|]+ \|)");
 }
 
 }  // namespace
@@ -74,7 +75,7 @@ TEST(ConfigurationPage, TellsTheCauseAndTheRemedyOfEveryMessage) {
   for (const std::string& source : kSources) {
     for (const std::string& format : formats_in(source)) {
       if (format == "%s") continue;  // prints a text that was made elsewhere
-      SCOPED_TRACE(source + ": " + format);
+      SCOPED_TRACE(testing::Message() << source << ": " << format);
       ++messages;
       const std::regex pattern(row_pattern(format));
       EXPECT_TRUE(std::any_of(rows.begin(), rows.end(), [&pattern](const std::string& row) {

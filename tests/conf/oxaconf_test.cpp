@@ -350,5 +350,16 @@ TEST(ReallocSafe, EndsTheProcessWhenMemoryIsExhausted) {
   EXPECT_EQ(outcome.exit_code(), 1);
   EXPECT_EQ(outcome.out,
             "tool: alloc(4611686018427387903)\nSystem error 12: Cannot allocate memory\n");
-  EXPECT_EQ(outcome.err, outcome.out);
+}
+
+TEST(ReallocSafe, ReportsTheSizeOnBothStreams) {
+  const Outcome outcome = in_child([] {
+    PROGNAME = nullptr;
+    const FailingAllocation failure(1);
+    void* memory = realloc_safe(nullptr, 12345);
+    exit(memory == nullptr ? 8 : 9);
+  });
+  EXPECT_EQ(outcome.exit_code(), 1);
+  EXPECT_EQ(outcome.err, "alloc(12345)\nSystem error 12: Cannot allocate memory\n");
+  EXPECT_EQ(outcome.out, outcome.err);
 }
