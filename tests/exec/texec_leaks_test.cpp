@@ -162,10 +162,10 @@ void execute(const Way& way, pid_t caller) {
   if (getpid() != caller) _exit(1);
 }
 
-/// What the executions have started may still be running; each later one collects what has ended.
-/// What none of them collects is still there in the end.
+/// Any number of those that the executions have started may still be running; each later execution
+/// collects what has ended. What none of them collects is still there in the end.
 bool all_are_collected() {
-  for (int i = 0; i < 100 && !testexec::childless(); ++i) {
+  for (size_t i = 0; i < kExecutions && !testexec::childless(); ++i) {
     testexec::await_end_of_a_child();
     command({"/bin/true"}).execute();
   }

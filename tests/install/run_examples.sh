@@ -47,7 +47,9 @@ END
 echo mine >$host/httpdocs/css/site.css
 rm $host/httpdocs/index.html
 "$bin/site" deploy $host 12 2>got || fail "the second deployment failed"
-expect "messages of the second deployment" </dev/null
+expect "messages of the second deployment" <<END
+widoctl:InstallSkeleton(): $host/cgi-bin already exists, not restoring
+END
 cat $host/httpdocs/css/site.css $host/httpdocs/index.html >got
 expect "the second deployment restores what is missing" <<END
 mine
