@@ -95,7 +95,7 @@ expect "the site after the cleaning" <<END
 755 oxacln d httpdocs
 755 root d private
 755 root d subdomains
-755 oxacln d subdomains/shop
+755 root d subdomains/shop
 755 oxacln d subdomains/shop/cgi-bin
 755 oxacln d subdomains/shop/httpdocs
 755 oxacln d subdomains/shop/httpdocs/css
