@@ -225,7 +225,8 @@ TEST(ForkExecvGetouterr, LooksAtTheChildAfterASecondOfSilence) {
   testsupport::RunOptions options;
   options.environment["ASAN_OPTIONS"] = "detect_leaks=0";
   // Under strace a signal interrupts the call, which then goes on for what is left of it.
-  const std::regex timed_out("(poll\\(.*, 1000\\)|restart_syscall\\(.*\\)) += 0( \\(Timeout\\))?\n");
+  const std::regex timed_out(
+      "(poll\\(.*, 1000\\)|restart_syscall\\(.*\\)) += 0( \\(Timeout\\))?\n");
   const std::regex poll_of_another_length("poll\\(.*\\], [0-9]+, (?!1000\\)|0\\))");
   for (const char* member : {"getout", "getouterr"}) {
     SCOPED_TRACE(member);

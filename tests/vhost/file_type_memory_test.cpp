@@ -4,8 +4,8 @@
 #include <string>
 
 #include "exec/TError.h"
-#include "support/child.h"
 #include "support/allocations.h"
+#include "support/child.h"
 #include "vhost/layout.h"
 
 namespace {
