@@ -15,7 +15,8 @@ namespace {
 using testsupport::ScratchDir;
 using testsupport::write_file;
 
-/// The calls in all of one routine on a tree of `dirs` directories with `files` files each.
+/// The calls, those for memory aside, of one routine on a tree of `dirs` directories with `files`
+/// files each.
 long calls_for(const std::string& routine, int dirs, int files) {
   const ScratchDir scratch(testsupport::memory_directory());
   for (int dir = 0; dir < dirs; ++dir) {
@@ -23,8 +24,8 @@ long calls_for(const std::string& routine, int dirs, int files) {
     std::filesystem::create_directories(path);
     for (int file = 0; file < files; ++file) write_file(path + "/" + std::to_string(file), "");
   }
-  const auto outcome =
-      fstest::run_traced({"-o", scratch / "log"}, routine, scratch / "top", scratch.path());
+  const auto outcome = fstest::run_traced({"-o", scratch / "log", "-e", "trace=!%memory"}, routine,
+                                          scratch / "top", scratch.path());
   EXPECT_EQ(outcome, fstest::ended(0, ""));
   const std::string log = testsupport::read_file(scratch / "log");
   return std::count(log.begin(), log.end(), '\n');

@@ -19,7 +19,7 @@ long calls_for(int dirs, int files) {
     std::filesystem::create_directories(path);
     for (int file = 0; file < files; ++file) write_file(path + "/" + std::to_string(file), "");
   }
-  EXPECT_EQ(vhosttest::run_traced({"-o", host / "log", "-e", "trace=!brk,mmap,munmap"},
+  EXPECT_EQ(vhosttest::run_traced({"-o", host / "log", "-e", "trace=!%memory"},
                                   {"clean", host.site, host.documents, host.cgi}),
             (testsupport::Outcome{"", "", 0}));
   EXPECT_TRUE(std::filesystem::is_empty(host.documents));

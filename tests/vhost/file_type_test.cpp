@@ -179,6 +179,9 @@ TEST(TypeFromPath, LeavesNoProcessAndNoDescriptorBehind) {
 }
 
 TEST(TypeFromPath, ThrowsWhenNothingCanBeSharedWithTheChild) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "AddressSanitizer's allocator ends the process when the kernel refuses memory";
+#endif
   const Outcome outcome = in_child([] {
     std::cout << std::flush;
     const rlimit none = {1, 1};
