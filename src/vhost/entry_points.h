@@ -87,7 +87,12 @@ FRASK_API void wido_delete_instance(const char* vhostDir, const DocrootCleanOpti
  * Keeps a copy of a file that is about to be generated anew, unless the file carries the banner of
  * generated files: PATH.saved_by_oxa, or with ".1", ".2" and so on behind it, the first free name.
  *
- * A failed backup is logged with priority 3 and does not stop the caller.
+ * The copy has the file's permission bits and is the caller's own. The file itself stays in place.
+ * A failed backup is logged through frask_log with priority 3 and does not stop the caller; a name
+ * that was reserved for it, with mode 0620, stays as an empty file.
+ *
+ * Deliberate: in a process whose standard input is closed every backup fails that way, because
+ * descriptor 0 counts as a failure. Pinned by CopyIfNoDontedit.TakesDescriptor0ForAFailure.
  *
  * @param path  NULL and a missing file: nothing happens
  * @throws frask::SystemError when the file exists but cannot be read

@@ -5,6 +5,7 @@
 #include <iomanip>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "support/child.h"
@@ -40,7 +41,7 @@ std::string expected(const std::string& name, const Bytes& bytes) {
     row << "0x" << std::hex << std::setw(2) << std::setfill('0') << unsigned{byte} << ", ";
   std::string rest = row.str();
   rest.resize(rest.size() - 2);
-  constexpr size_t kWidth = 8 * 6;  // "0x00, "
+  constexpr size_t kWidth = 8 * std::string_view("0x00, ").size();
   text += "#define " + name + "_DATA ";
   while (rest.size() > kWidth) {
     const std::string line = rest.substr(0, kWidth);

@@ -254,12 +254,13 @@ TEST(BackUp, LogsThatNoNameIsFree) {
   EXPECT_EQ(read_file(dir / "f.saved_by_oxa.2147483645"), "new");
 }
 
-/// The guard of a C program with system calls that fail on the backup's descriptor alone.
-Outcome protect_with(const ScratchDir& dir, const std::string& injection) {
+/// The guard of a C program with system calls that fail on one file alone.
+Outcome protect_with(const ScratchDir& dir, const std::string& injection,
+                     const std::string& file = "f.saved_by_oxa") {
   testsupport::RunOptions options;
   options.environment["ASAN_OPTIONS"] = "detect_leaks=0";
   options.directory = dir.path().string();
-  return testsupport::run({"strace", "-qq", "-o", "/dev/null", "-P", dir / "f.saved_by_oxa", "-e",
+  return testsupport::run({"strace", "-qq", "-o", "/dev/null", "-P", dir / file, "-e",
                            "inject=" + injection, PROTECT_FILE, "f"},
                           options);
 }
@@ -288,11 +289,13 @@ TEST(CopyIfNoDontedit, ReportsEveryCallThatFailsOnTheCopy) {
   }
 }
 
-TEST(CopyIfNoDontedit, RepeatsAnInterruptedWrite) {
+TEST(CopyIfNoDontedit, RepeatsAnInterruptedReadOrWrite) {
   const ScratchDir dir;
   write_file(dir / "f", "text", 0640);
   EXPECT_EQ(protect_with(dir, "write:error=EINTR:when=1..2"), (Outcome{"", "", 0}));
   EXPECT_EQ(read_file(dir / "f.saved_by_oxa"), "text");
+  EXPECT_EQ(protect_with(dir, "read:error=EINTR:when=1..2", "f"), (Outcome{"", "", 0}));
+  EXPECT_EQ(read_file(dir / "f.saved_by_oxa.1"), "text");
 }
 
 }  // namespace

@@ -106,9 +106,12 @@ TEST(CopyIfNoDontedit, KeepsACopyOfEveryOtherFile) {
 
 TEST(CopyIfNoDontedit, KeepsACopyOfASparseFile) {
   const ScratchDir dir;
-  const std::string content = "begin" + std::string(30000000, '\0') + "end";
+  constexpr size_t kHole = 30000000;
+  std::string content = "begin";
+  content.resize(content.size() + kHole);
   write_file(dir / "file", "begin");
-  ASSERT_EQ(truncate((dir / "file").c_str(), 30000005), 0);
+  ASSERT_EQ(truncate((dir / "file").c_str(), static_cast<off_t>(content.size())), 0);
+  content += "end";
   const int fd = open((dir / "file").c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
   ASSERT_EQ(write(fd, "end", 3), 3);
   close(fd);
