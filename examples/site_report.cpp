@@ -5,7 +5,7 @@
 //
 //     site_report VHOST SKELETON
 //
-// Unlike a C program it catches what the library throws, and goes on.
+// Unlike a C program it can catch what the library throws.
 #include <vhost/FileList.h>
 #include <vhost/layout.h>
 #include <vhost/misc.h>

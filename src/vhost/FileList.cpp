@@ -12,7 +12,9 @@ int readDirContent(std::vector<std::filesystem::path>* out, const std::filesyste
                    unsigned int skip) {
   TreeListing listing;
   listing.add(dir.native(), "");
-  out->reserve(out->size() + listing.size());
+  // Room for just one listing takes the least memory; many into one must not copy all each time.
+  const size_t wanted = out->size() + listing.size();
+  if (wanted > out->capacity()) out->reserve(std::max(wanted, 2 * out->capacity()));
   listing.inReadingOrder([&](const std::string& path, bool /*isDirectory*/) {
     const std::string full = path.empty() ? dir.native() : joinedPaths(dir.native(), path);
     out->emplace_back(withoutLeadingElements(full, skip));

@@ -27,7 +27,8 @@ enum InstallSection : int {
  * A failure is written to standard error, one line, and the listing goes on behind it.
  *
  * @param out   the entries are appended to it: the full paths without their first `skip` elements
- * @param skip  pathLength(dir) gives entries relative to `dir`, the first of them empty
+ * @param skip  pathLength(dir) gives entries relative to `dir`, the first of them empty; behind a
+ *              last "." they begin with that
  * @return 0
  * @throws std::bad_alloc
  */
@@ -48,8 +49,10 @@ FRASK_API std::vector<std::filesystem::path> readDirContent(const std::filesyste
  * place and in descending order.
  *
  * An entry whose first element is "httpdocs" or "cgi-bin" lies in the directory that `params` gives
- * for it; the standard directories themselves (vhostAllDirs()) and the sections that `params` keeps
- * are left alone. A failure is written to standard error, one line, and the work goes on.
+ * for it, an absolute one where it says, the empty one is the host's directory; the standard
+ * directories themselves (vhostAllDirs()) and the sections that `params` keeps are left alone. No
+ * symbolic link below these directories is passed, on an absolute way none at all: the entry stays.
+ * A failure is written to standard error, one line, and the work goes on.
  *
  * @param base  the host's directory
  */

@@ -80,11 +80,25 @@ std::error_code createParents(const Target& target) {
   return error;
 }
 
+bool isThere(const std::string& path) noexcept {
+  struct stat st = {};
+  return ::lstat(path.c_str(), &st) == 0;
+}
+
+/// The directory that the options give, with its parents. False where something has got into its
+/// place meanwhile.
+bool makeBase(const Target& target) {
+  std::error_code error;
+  const std::string& base = target.directory->base();
+  const bool made = fs::create_directories(base, error);
+  if (error && !isThere(base)) throwUncreated(target, error);
+  return made;
+}
+
 /// False where something has got into the target's place meanwhile.
 bool makeDirectory(const Target& target, const Place& place, mode_t mode) {
-  if (target.remapped && *target.below == '\0')
-    return fs::create_directories(target.directory->base());
-  // Its owner, who is to open it, must be able to.
+  if (target.remapped && *target.below == '\0') return makeBase(target);
+  // Its owner, who is to open it, must be able to, unless the mask forbids even that.
   const bool made = ::mkdirat(place.dir_fd, place.name, (mode & kPermissions) | S_IRWXU) == 0;
   if (!made && errno != EEXIST) throwUncreated(target, lastError());
   return made;
@@ -94,7 +108,11 @@ bool makeDirectory(const Target& target, const Place& place, mode_t mode) {
 
 EntryDeployer::EntryDeployer(const std::string& skeleton, const VhostPath& host,
                              const ExtractParams& params, gid_t group)
-    : skeleton_(skeleton), targets_(host, params), copier_(host.domainName), group_(group) {}
+    : skeleton_(skeleton),
+      targets_(host, params),
+      copier_(host.domainName),
+      owner_(::geteuid()),
+      group_(group) {}
 
 void EntryDeployer::deploy(const std::string& entry) {
   Target target = {};
@@ -157,13 +175,21 @@ void EntryDeployer::createDirectory(mode_t mode, const Target& target, Place pla
   if (!makeDirectory(target, place, mode)) return reportExisting(target);
   const UniqueFd made(::openat(place.dir_fd, place.name,
                                O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-  if (made) setModeAndGroup(made.get(), mode);
+  // Whoever may write beside it may have put a directory of their own there in between.
+  struct stat st = {};
+  if (made && ::fstat(made.get(), &st) == 0 && st.st_uid == owner_)
+    setModeAndGroup(made.get(), mode);
 }
 
-/// Of a file that may be executed the change of the group takes the set-id bits away.
+/// The change of the group takes set-id bits from a file, as far as it has a bit to lose: they are
+/// kept out at first, lest a set-user-ID program of root's stands in a site for a moment, and come
+/// only where the group could not be changed.
 void EntryDeployer::setModeAndGroup(int fd, mode_t mode) const noexcept {
-  static_cast<void>(::fchmod(fd, mode & kSetIdsAndPermissions));
-  static_cast<void>(::fchown(fd, kUnchangedOwner, group_));
+  const mode_t all = mode & kSetIdsAndPermissions;
+  const mode_t lost = S_ISDIR(mode) ? 0 : S_ISUID | ((mode & S_IXGRP) != 0 ? S_ISGID : 0);
+  static_cast<void>(::fchmod(fd, all & ~lost));
+  if (::fchown(fd, kUnchangedOwner, group_) != 0 && (all & lost) != 0)
+    static_cast<void>(::fchmod(fd, all));
 }
 
 }  // namespace frask

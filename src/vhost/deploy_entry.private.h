@@ -20,7 +20,8 @@ class EntryDeployer {
                 gid_t group);
 
   /// Deploys `entry`, "SECTION" or "SECTION/...", whose parent has been deployed before. What keeps
-  /// it from that is reported on standard error, one line.
+  /// it from that is reported on standard error, one line; but an original that has vanished, and a
+  /// file that cannot be created, read or written, are passed over in silence.
   ///
   /// @throws std::filesystem::filesystem_error when a directory cannot be created
   void deploy(const std::string& entry);
@@ -42,6 +43,7 @@ class EntryDeployer {
   ConfinedDirectory skeleton_;
   TargetFinder targets_;
   FileCopier copier_;
+  uid_t owner_;  ///< of all that this process creates
   gid_t group_;
 };
 

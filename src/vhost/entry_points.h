@@ -16,10 +16,13 @@
 extern "C" {
 #endif
 
-/** Options of the routines below. A NULL text counts as "", any nonzero number as true. */
+/**
+ * Options of the routines below. A NULL text counts as "", in which nothing is found; any nonzero
+ * number counts as true.
+ */
 typedef struct DocrootCleanOptions {
   const char* docrootDir; /**< the document root: stands for the host's "httpdocs" */
-  int skipHttpdocs;       /**< sub-domains: deploy without "httpdocs" */
+  int skipHttpdocs;       /**< for setup_skeleton_on_subdomain() alone */
   int keepErrorDocs;      /**< leave "error_docs" alone */
   int keepCgiBin;         /**< leave the CGI directory alone */
   const char* cgiBinDir;  /**< the CGI directory: stands for the host's "cgi-bin" */
@@ -31,18 +34,20 @@ typedef struct DocrootCleanOptions {
  * The skeleton is ".skel/ID" below the compiled-in virtual hosts root, or, where that is missing,
  * silently ".skel/0". What exists already stays as it is: directories are merged into, all else is
  * reported on standard error and skipped, so that a second deployment restores what is missing and
- * nothing more. Links and other special files are never deployed. In regular files "@domain_name@"
- * becomes the site's name. What is created gets the skeleton's permission bits, the group "oxacln"
- * and the caller's own user as owner. No symbolic link below the host's directory, the document
- * root or the CGI directory is passed: the entry is reported and skipped.
+ * nothing more; a section that the host has and the skeleton lacks is reported likewise. Links and
+ * other special files are never deployed. In regular files "@domain_name@" becomes the site's name.
+ * What is created for an entry of the skeleton gets its permission bits, the group "oxacln" (as far
+ * as the caller may give it) and the caller's own user as owner. An original that cannot be read
+ * gives an empty file. No symbolic link below the host's directory, the document root or the CGI
+ * directory is passed: the entry is reported and skipped.
  *
  * @param vhostDir    ROOT/SITE or ROOT/SITE/subdomains/NAME
  * @param mode        a SetupSkeletonMode; any other number selects nothing
  * @param skeletonId  NULL: nothing happens at all, the result is 0
  * @return 0
  * @throws std::runtime_error for a directory that is no virtual host, for a missing default
- * skeleton and a missing group; std::filesystem::filesystem_error when a directory cannot be
- * created. What was created before stays.
+ *         skeleton and a missing group; std::filesystem::filesystem_error when the host's directory
+ *         cannot be examined, or a directory cannot be created. What was created before stays.
  */
 FRASK_API int setup_skeleton(const char* vhostDir, int mode, const char* skeletonId,
                              const DocrootCleanOptions* options);
@@ -75,8 +80,8 @@ FRASK_API int clean_docroot(const char* vhostDir, const DocrootCleanOptions* opt
  * entries are reported on standard error, and the work goes on.
  *
  * @param prefix  where the application lies in its section; "." for the section itself. "/", like
- *                any absolute path, leaves the host: the listed paths then count from the root of
- *                the file system
+ *                any absolute path here or in the document, leaves the host: the listed paths then
+ *                count from the root of the file system, and no symbolic link is passed on the way
  * @throws std::runtime_error for a document that is malformed or breaks these rules; nothing has
  *         been removed then
  */
@@ -87,9 +92,11 @@ FRASK_API void wido_delete_instance(const char* vhostDir, const DocrootCleanOpti
  * Keeps a copy of a file that is about to be generated anew, unless the file carries the banner of
  * generated files: PATH.saved_by_oxa, or with ".1", ".2" and so on behind it, the first free name.
  *
- * The copy has the file's permission bits and is the caller's own. The file itself stays in place.
- * A failed backup is logged through frask_log with priority 3 and does not stop the caller; a name
- * that was reserved for it, with mode 0620, stays as an empty file.
+ * The copy has the file's mode, set-ID bits included, as the standard library's copy gives it, and
+ * is the caller's own; its group is that of new files in its directory. The file itself stays in
+ * place. Links are followed, and a named pipe is waited for: call it for files in directories that
+ * only the panel writes to. A failed backup is logged through frask_log with priority 3 and does
+ * not stop the caller; the name that was reserved for it stays, in most cases as an empty file.
  *
  * Deliberate: in a process whose standard input is closed every backup fails that way, because
  * descriptor 0 counts as a failure. Pinned by CopyIfNoDontedit.TakesDescriptor0ForAFailure.

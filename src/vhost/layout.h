@@ -2,7 +2,7 @@
  * @file
  * What a virtual host looks like: its directories, and which of them a routine works on.
  *
- * For single-threaded programs: the list of standard directories is built without a lock.
+ * For single-threaded programs: nothing here is locked.
  */
 #ifndef FRASK_VHOST_LAYOUT_H
 #define FRASK_VHOST_LAYOUT_H
@@ -51,7 +51,10 @@ struct ExtractParams {
  */
 FRASK_API const std::vector<std::filesystem::path>& vhostAllDirs();
 
-/** The directories that `mode` selects, in the order of skeldir; none for an unknown mode. */
+/**
+ * The directories that `mode` selects: skeleton sections in the order of skeldir or, for
+ * SETUP_SKELETON_CONTENT, "httpdocs", "cgi-bin" and "private"; none for an unknown mode.
+ */
 FRASK_API std::vector<std::filesystem::path> vhostUsedDirs(SetupSkeletonMode mode);
 
 /**
@@ -64,8 +67,12 @@ FRASK_API int pathLength(const std::filesystem::path& p);
  * What file(1), searched in PATH, says of a path, links followed: its standard output as it is, the
  * newline included, whatever its exit status. A missing path is something that it says, too.
  *
- * @throws sys::TSysCallErr when the program cannot be started, with the errno value of that; only
- *         in the caller's own process, never in the child
+ * Deliberate: "./" is put before a path that begins with "-", which would be taken for options.
+ * Pinned by TypeFromPath.TakesAPathThatLooksLikeAnOption.
+ *
+ * @throws sys::TSysCallErr when the program cannot be started, with the errno value of that, ENOMEM
+ *         for whatever went wrong before it was tried; only in the caller's own process, never in
+ *         the child
  */
 FRASK_API std::string typeFromPath(const std::string& path);
 
