@@ -19,7 +19,6 @@ using frask::Handle;
 using frask::sys::execGetOutput;
 using frask::sys::TExec;
 using frask::sys::TExecsList;
-using frask::sys::TRedirect;
 using testexec::alone;
 using testexec::capture;
 using testexec::Captured;

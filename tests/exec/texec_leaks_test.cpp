@@ -1,3 +1,4 @@
+#include <ctype.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -172,35 +173,54 @@ bool all_are_collected() {
   return testexec::childless();
 }
 
-/// False at the first way that leaves something, with its name on standard error.
-bool leave_nothing(const std::vector<Way>& all, size_t executions) {
+/// Executed again and again, does this way leave something? With its name if so.
+testing::AssertionResult leaves_nothing(const Way& way, size_t executions) {
   const std::vector<int> before = open_descriptors();
   const pid_t caller = getpid();
-  for (const Way& way : all) {
-    bool closed = true;
-    for (size_t i = 0; i < executions / all.size() + 1; ++i) {
-      execute(way, caller);
-      closed = closed && open_descriptors() == before;
-    }
-    if (closed && all_are_collected()) continue;
-    dprintf(STDERR_FILENO, "%s: %s\n", way.name, closed ? "a child" : "a descriptor");
-    return false;
+  for (size_t i = 0; i < executions; ++i) {
+    execute(way, caller);
+    if (open_descriptors() != before)
+      return testing::AssertionFailure() << way.name << ": a descriptor";
   }
-  return true;
+  if (all_are_collected()) return testing::AssertionSuccess();
+  return testing::AssertionFailure() << way.name << ": a child";
 }
+
+/// The ways, as parameters by their number: each has a test of its own, with its share.
+size_t number_of_ways() {
+  return ways("").size();
+}
+
+std::string name_of_way(const testing::TestParamInfo<size_t>& info) {
+  std::string name = ways("")[info.param].name;
+  for (char& c : name)
+    if (isalnum(static_cast<unsigned char>(c)) == 0) c = '_';
+  return name;
+}
+
+class TenThousandExecutions : public testing::TestWithParam<size_t> {};
 
 }  // namespace
 
-TEST(TenThousandExecutions, LeaveNoDescriptorAndNoZombie) {
+TEST_P(TenThousandExecutions, LeaveNoDescriptorAndNoZombie) {
   const testsupport::ScratchDir scratch;
-  EXPECT_TRUE(leave_nothing(ways(scratch / "file"), kExecutions));
+  const Way way = ways(scratch / "file")[GetParam()];
+  EXPECT_TRUE(leaves_nothing(way, kExecutions / number_of_ways() + 1));
 }
+
+INSTANTIATE_TEST_SUITE_P(Ways, TenThousandExecutions, testing::Range(size_t{0}, number_of_ways()),
+                         name_of_way);
 
 TEST(ThousandsOfExecutions, LeaveNothingWhenForksFail) {
   const testsupport::Outcome outcome = testexec::alone([] {
     testexec::limit_processes(50);
     alarm(250);  // a pipe that stays open would have its writer wait for ever
-    _exit(leave_nothing(ways_to_fail_to_fork(), kFailedForks) ? 20 : 21);
+    const std::vector<Way> all = ways_to_fail_to_fork();
+    for (const Way& way : all) {
+      const testing::AssertionResult result = leaves_nothing(way, kFailedForks / all.size());
+      if (!result) throw std::runtime_error(result.message());
+    }
+    _exit(20);
   });
   EXPECT_EQ(outcome.exit_code(), 20) << outcome;
 }

@@ -24,7 +24,6 @@ using frask::sys::TFromFile;
 using frask::sys::TReadFromStr;
 using frask::sys::TRedirect;
 using frask::sys::TRedirectToFile;
-using frask::sys::TSysCallErr;
 using frask::sys::TToFile;
 using testexec::alone;
 using testexec::both_starts;

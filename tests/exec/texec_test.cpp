@@ -16,7 +16,6 @@
 #include "support/scratch.h"
 
 using frask::Handle;
-using frask::sys::TEArgs;
 using frask::sys::TExec;
 using frask::sys::TExecsList;
 using frask::sys::TSLProcess;
