@@ -29,14 +29,15 @@ inline bool has_no_system_error(unsigned int number) noexcept {
 }
 
 /// Whether an errno is one that the library's waiting, or an option that a socket does not have,
-/// leaves behind; nothing ever fails for that reason.
+/// leaves behind. It is never the reason: where a port refuses, the library finds that by other
+/// means, and errno still tells of the waiting.
 inline bool is_of_waiting(int error) noexcept {
   return error == EAGAIN || error == EINPROGRESS || error == EOPNOTSUPP;
 }
 
 /// Makes one call of the client library, which tells whether it succeeded. errno is 0 afterwards
-/// unless the library failed for the reason that it names: behind "Access denied" a "System error"
-/// of what was looked up before, or of the waiting for the answer, would lead astray.
+/// unless it tells why the library failed: behind "Access denied" a "System error" of what was
+/// looked up before, or of the waiting for the answer, would lead astray.
 template <class Call>
 bool succeeds(MYSQL* handle, Call call) {
   errno = 0;

@@ -34,8 +34,9 @@ extern "C" {
  *               "Unable to initialize MySQL connection structure: <system text>" (errno ENOMEM),
  *               "Unable to connect to Frask Database: <server's or client library's text>"
  * @return a handle that the caller closes with mysql_close(), or NULL. errno is then the failing
- *         call's own, or 0 where no system call is the reason: an empty password file, a host name
- *         that is unknown, and all that the server itself refuses. With a handle it is 0.
+ *         call's own, or 0 where no system call is the reason (an empty password file, a host name
+ *         that is unknown, and all that the server itself refuses) or where the library does not
+ *         leave it there (a TCP port that refuses). With a handle it is 0.
  */
 FRASK_API MYSQL* frask_db_connect_raw_ex(char* error, size_t size);
 

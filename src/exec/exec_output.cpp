@@ -1,4 +1,6 @@
 #include <errno.h>
+#include <poll.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <stdexcept>
@@ -13,6 +15,7 @@ namespace {
 constexpr std::size_t kChunk = 1024;
 constexpr int kSignalBits = 0x7f;
 constexpr int kExitCodeShift = 8;
+constexpr int kMomentMilliseconds = 20;
 
 /// False when an error, not the end of data, has ended the reading.
 bool readAll(int fd, std::string* out) {
@@ -23,21 +26,32 @@ bool readAll(int fd, std::string* out) {
   return got == 0;
 }
 
-/// Until the end of data, or an error that stays.
-void discardAll(int fd) noexcept {
+/// False also for what was waited for already, and for what has stopped: a wait returns at once.
+bool runs(int pid) noexcept {
+  siginfo_t info = {};
+  constexpr int kLook = WEXITED | WSTOPPED | WNOHANG | WNOWAIT;
+  return ::waitid(P_PID, static_cast<id_t>(pid), &info, kLook) == 0 && info.si_pid == 0;
+}
+
+/// As long as the writer runs, up to the end of data or an error that stays; whoever else holds the
+/// pipe is not waited for.
+void discard(int fd, int writer) noexcept {
   char chunk[kChunk];
-  ssize_t got = 0;
-  do got = ::read(fd, chunk, sizeof chunk);
-  while (got > 0 || (got == -1 && errno == EINTR));
+  while (runs(writer)) {
+    pollfd output = {fd, POLLIN, 0};
+    if (::poll(&output, 1, kMomentMilliseconds) <= 0) continue;
+    const ssize_t got = ::read(fd, chunk, sizeof chunk);
+    if (got == 0 || (got == -1 && errno != EINTR)) return;
+  }
 }
 
 // Deliberate: an error, an interruption included, ends what the caller gets as the end of data
-// does. Pinned by ExecGetOutput.TakesAnInterruptedReadForTheEnd. The line must not suffer from it:
-// with nobody to read the rest, its writer would block for ever or die by SIGPIPE, and that would
+// does. Pinned by ExecGetOutput.TakesAnInterruptedReadForTheEnd. The last command must not suffer
+// from it: with nobody to read the rest, it would block for ever or die by SIGPIPE, and that would
 // be the status.
-void readOutput(int fd, std::string* out) {
+void readOutput(int fd, std::string* out, int writer) {
   const KeepErrno keep;
-  if (!readAll(fd, out)) discardAll(fd);
+  if (!readAll(fd, out)) discard(fd, writer);
 }
 
 }  // namespace
@@ -54,7 +68,7 @@ void execGetOutput(std::string* out, int* status, const TExecsList& line) {
   Unwaited processes(captured.size());
   const TSLProcess last = executeInOrder(captured, processes);
   processes.note(captured.back(), last);
-  readOutput(capture->read_end(), out);
+  readOutput(capture->read_end(), out, last.pid);
   capture->close_read_end();  // after an error that stays, a writer is not to wait for us
   *status = processes.settle(last);
   processes.settleAll();

@@ -285,8 +285,7 @@ class FRASK_API TReadFromPipeline : public TExec::TPrepare {
 
 /**
  * Feeds a text as standard input, from a process that the child forks for it. That process is the
- * program's child, and init's once the program has ended. Should it be unable to write the text to
- * a program that still reads, it kills the program with SIGKILL.
+ * program's child, and init's once the program has ended.
  */
 class FRASK_API TReadFromStr : public TExec::TPrepare {
  public:
@@ -298,8 +297,7 @@ class FRASK_API TReadFromStr : public TExec::TPrepare {
   /**
    * The writing side: the write end becomes standard output, every other descriptor but standard
    * input and error is closed, the text is written and the process ends, without the caller's exit
-   * handlers and unwritten output. Its status is 0, or 1 when writing failed for another reason
-   * than a reader that is gone.
+   * handlers and unwritten output. Its status is 0 whatever became of the text.
    */
   [[noreturn]] void action_of_d(int read_end, int write_end) const;
 

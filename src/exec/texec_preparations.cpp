@@ -1,6 +1,5 @@
 #include <errno.h>
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -36,34 +35,29 @@ void keepEnd(int kept, int other, int target) noexcept {
   moveOnto(kept, target);
 }
 
-/// False when a part of the text has a reader and yet was not written. A reader that is gone, or
-/// has closed its end, has had enough.
-bool writeAll(int fd, const std::string& text) noexcept {
+/// Up to the end, or a failure that stays: mostly a reader that is gone and has had enough.
+void writeAll(int fd, const std::string& text) noexcept {
   for (std::size_t done = 0; done < text.size();) {
     const ssize_t written = ::write(fd, text.data() + done, text.size() - done);
     if (written > 0)
       done += static_cast<std::size_t>(written);
     else if (errno != EINTR)
-      return errno == EPIPE;
+      return;
   }
-  return true;
 }
 
-/// Writes the text and ends the process. A `reader` other than 0 is the process that this one was
-/// forked by: it is killed rather than left to take a part of the text for the whole.
+/// Writes the text and ends the process, with status 0 whatever became of the text.
 // Deliberate: write(2), and _exit() behind it. A stream needs memory, without which the text would
 // be lost, and the caller's own streams and exit handlers would add to it what the caller has not
 // yet written. Pinned by TReadFromStr.FeedsOnlyTheText and
 // ReadFromStrWithoutMemory.FeedsTheTextAllTheSame.
-[[noreturn]] void feed(const std::string& text, int read_end, int write_end,
-                       pid_t reader) noexcept {
+[[noreturn]] void feed(const std::string& text, int read_end, int write_end) noexcept {
   keepEnd(write_end, read_end, STDOUT_FILENO);
   // It executes nothing, so nothing else closes the pipes of its line: a reader that ends early
   // could not be noticed by the program that this process feeds.
   closefrom(STDERR_FILENO + 1);
-  if (writeAll(STDOUT_FILENO, text)) _exit(0);
-  if (reader != 0 && ::getppid() == reader) ::kill(reader, SIGKILL);
-  _exit(1);
+  writeAll(STDOUT_FILENO, text);
+  _exit(0);
 }
 
 void writeToFile(int descriptor, const std::string& path, bool append) noexcept {
@@ -172,12 +166,11 @@ TReadFromStr::TReadFromStr(const std::string& text) : text_(text) {}
 void TReadFromStr::aft_fork4d(TExec&) {
   Pipe pipe;
   if (!pipe.open()) throw TSysCallErr(errno);
-  const pid_t reader = ::getpid();
   const pid_t pid = ::fork();
   if (pid == -1) throw TSysCallErr(errno);
   const int read_end = pipe.read_end.release();
   const int write_end = pipe.write_end.release();
-  if (pid == 0) feed(text_, read_end, write_end, reader);
+  if (pid == 0) feed(text_, read_end, write_end);
   action_of_p(read_end, write_end);
 }
 
@@ -186,7 +179,7 @@ void TReadFromStr::action_of_p(int read_end, int write_end) const {
 }
 
 void TReadFromStr::action_of_d(int read_end, int write_end) const {
-  feed(text_, read_end, write_end, 0);
+  feed(text_, read_end, write_end);
 }
 
 void TUnionPrep::bef_fork(TExec& command) {

@@ -13,8 +13,9 @@ extern "C" {
 #endif
 
 /**
- * libidn's result code of the last failed conversion, for idn_strerror(); 0 at first. A conversion
- * that succeeds leaves it as it is.
+ * libidn's result code of the last failed conversion, for idn_strerror(); 0 at first. What is too
+ * long for these routines fails with libidn's code for "Invalid length". A conversion that succeeds
+ * leaves it as it is.
  */
 FRASK_API extern int idn_errno;
 
@@ -65,7 +66,8 @@ FRASK_API char* idn_url_toascii(const char* url);
  * @param address  UTF-8
  * @return a string that the caller frees with free(); NULL, silently and with idn_errno as it was,
  *         where there is no "@"; NULL with the code of "Invalid length" in idn_errno where more
- * than INT_MAX bytes stand before it. A domain that cannot be converted sets idn_errno and reads
+ *         than INT_MAX bytes stand before it (just below that, the process ends as
+ *         asprintf_safe() says). A domain that cannot be converted sets idn_errno and reads
  *         "(null)" in the result.
  */
 FRASK_API char* idn_email_toascii(const char* address);

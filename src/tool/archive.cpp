@@ -13,7 +13,6 @@
 
 #include "conf/database.h"
 #include "exec/forkexec.h"
-#include "exec/keep_errno.private.h"
 #include "log/c_string.private.h"
 #include "log/messlog.h"
 
@@ -109,10 +108,7 @@ int run_formed(const Command& command, int wanted) {
   return -1;
 }
 
-/// What the client library tries in vain, or waits for, is no failure of ours: it must not show in
-/// the reports that follow.
 bool counts_length(MYSQL* connection) {
-  const frask::KeepErrno keep;
   const char* counting = get_param("size_count_type", connection);
   return counting != nullptr && strcmp(counting, "byte") == 0;
 }
@@ -147,10 +143,8 @@ int testSupport(const ArchiveDescriptor* descriptor) {
 int testIntegrity(const ArchiveDescriptor* descriptor) {
   // The process ends right after; static, so that the handle is not lost but left to its end.
   static MYSQL* connection = nullptr;
-  const int error = errno;
   connection = db_connect();
   if (connection == nullptr) messlog2(1, 1, "Unable to connect to the mysql database\n");
-  errno = error;  // as in counts_length()
   struct stat archive = {};
   if (stat(descriptor->file_name, &archive) != 0)
     messlog2(1, 1, "Unable to check directory entry %s: %s\n", descriptor->file_name,

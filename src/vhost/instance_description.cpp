@@ -47,7 +47,7 @@ InstallSection sectionNamed(const std::string& prefix) {
   if (prefix == "htdocs") return Htdocs;
   if (prefix == "cgi-bin") return CgiBin;
   // Deliberate: misspelt, and callers know the text. Pinned by
-  // WidoDeleteInstance.RefusesAnUnknownSection.
+  // ReadInstance.RefusesAnUnknownSection.
   throw std::runtime_error("Bad sttribute name value");
 }
 

@@ -1,4 +1,5 @@
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <string.h>
@@ -219,6 +220,19 @@ TEST(ExecGetOutput, LetsTheWriterEndByItselfAfterAnInterruptedRead) {
                   testexec::childless() && open_descriptors() == std::vector<int>{0, 1, 2}
               ? 30
               : 31);
+  });
+  EXPECT_EQ(outcome.exit_code(), 30) << outcome;
+}
+
+TEST(ExecGetOutput, WaitsForNobodyElseAfterAnInterruptedRead) {
+  const Outcome outcome = alone([] {
+    let_signals_interrupt();
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) _exit(32);
+    alarm(60);  // the program in the background would hold the pipe for ever
+    const TExec holding = shell("cat <&5 & " + kUntilCallerSleeps + "kill -USR1 $PPID; exit 6");
+    const Captured captured = capture((holding & frask::sys::TRedirect(5, ends[0])) ^ kWait);
+    _exit(captured.status == 6 << 8 && captured.out.empty() ? 30 : 31);
   });
   EXPECT_EQ(outcome.exit_code(), 30) << outcome;
 }
