@@ -72,6 +72,7 @@ std::vector<Row> wanted_rows(const Options& options) {
   std::vector<Row> rows;
   bench::add_tool_rows(rows, options.sizes);
   bench::add_tree_rows(rows, options.sizes);
+  bench::add_clean_rows(rows, options.sizes);
   bench::add_capture_rows(rows);
   bench::add_object_rows(rows);
   bench::add_deploy_rows(rows, options.sizes);
@@ -99,7 +100,9 @@ int main(int argc, char** argv) {
   bench::print_machine();
   options.calls ? bench::print_calls_heading() : bench::print_time_heading();
   for (const Row& row : rows) {
-    if (options.calls)
+    if (row.print)
+      row.print();
+    else if (options.calls)
       count_row(row);
     else
       bench::print_times(row, bench::measure(row.set_up(), options.plan));

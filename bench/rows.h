@@ -24,10 +24,12 @@ struct Row {
   std::optional<Aim> instead;
   std::optional<Aim> limit;
   std::function<Contenders()> set_up;  ///< makes what the contenders need, which goes with them
+  std::function<void()> print = {};    ///< in the place of all that, for what is no time
 };
 
 void add_tool_rows(std::vector<Row>& rows, const std::vector<long>& sizes);
 void add_tree_rows(std::vector<Row>& rows, const std::vector<long>& sizes);
+void add_clean_rows(std::vector<Row>& rows, const std::vector<long>& sizes);
 void add_capture_rows(std::vector<Row>& rows);
 void add_object_rows(std::vector<Row>& rows);
 void add_deploy_rows(std::vector<Row>& rows, const std::vector<long>& sizes);

@@ -52,7 +52,8 @@ void make_file(const std::string& path, const std::string& text) {
 
 class TreeMaker {
  public:
-  explicit TreeMaker(std::vector<std::string> directories) : directories_(std::move(directories)) {}
+  explicit TreeMaker(std::vector<std::string> directories, bool with_content = true)
+      : directories_(std::move(directories)), with_content_(with_content) {}
 
   void make(long entries) {
     for (size_t next = 0; entries > 0; ++next) {
@@ -86,11 +87,13 @@ class TreeMaker {
       const auto size = static_cast<size_t>(between(1024, kLargestFile));
       const auto from = static_cast<size_t>(between(0, static_cast<long>(text_.size() - size)));
       const char* extension = kExtensions[static_cast<size_t>(i) % kExtensions.size()];
-      make_file(here.get(), "page-" + std::to_string(i) + extension, text_.data() + from, size);
+      make_file(here.get(), "page-" + std::to_string(i) + extension, text_.data() + from,
+                with_content_ ? size : 0);
     }
   }
 
   std::vector<std::string> directories_;
+  const bool with_content_;
   std::minstd_rand random_ = random_numbers();
   const std::string text_ = some_text(8 * kLargestFile);
 };
@@ -116,6 +119,11 @@ std::string describe_entry(const std::filesystem::path& path) {
 void make_tree(const std::string& top, long entries) {
   make_directory(top);
   TreeMaker({top}).make(entries);
+}
+
+void make_empty_tree(const std::string& top, long entries) {
+  make_directory(top);
+  TreeMaker({top}, false).make(entries);
 }
 
 void make_skeleton(const std::string& top, long entries) {

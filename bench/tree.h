@@ -11,6 +11,9 @@ namespace bench {
 /// 8 KiB of text in each directory, and each directory in some earlier one.
 void make_tree(const std::string& top, long entries);
 
+/// The directories and names of make_tree(), with nothing in the files.
+void make_empty_tree(const std::string& top, long entries);
+
 /// make_tree() below the sections of a skeleton, and some entries besides that an install takes
 /// away. All of it belongs to user 1000 and is writable for its group.
 void make_skeleton(const std::string& top, long entries);

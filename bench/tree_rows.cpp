@@ -1,9 +1,9 @@
 // The library's walks, called in the process, against the commands that do the same.
 #include <errno.h>
 
-#include <filesystem>
 #include <memory>
 
+#include "forest.h"
 #include "fs/tree.h"
 #include "limit/limit.h"
 #include "program.h"
@@ -12,64 +12,6 @@
 
 namespace bench {
 namespace {
-
-constexpr long kLeastEntries = 10000;
-
-/// As many trees as give a run something to do, so that the start of a command, which is no part
-/// of the walk, is a small part of its time at every size.
-class Forest {
- public:
-  explicit Forest(long entries) : entries_(entries) {
-    for (long made = 0; made < kLeastEntries; made += entries)
-      tops_.push_back("/mnt/tree-" + std::to_string(tops_.size()));
-  }
-  Forest(const Forest&) = delete;
-  Forest& operator=(const Forest&) = delete;
-  ~Forest() {
-    for (const std::string& top : tops_) clear_tree(top);
-  }
-
-  const std::vector<std::string>& tops() const { return tops_; }
-  int size() const { return static_cast<int>(tops_.size()); }
-
-  void make() const {
-    for (const std::string& top : tops_) make_tree(top, entries_);
-  }
-
-  /// Gives all of it to another user, who alone may read it.
-  void close_to_others() const {
-    for (const std::string& top : tops_)
-      require(limit_set_perms(top.c_str(), 1000, 1000, 0600, 0700) == 0, top);
-  }
-
-  std::vector<std::string> command(std::vector<std::string> words) const {
-    words.insert(words.end(), tops_.begin(), tops_.end());
-    return words;
-  }
-
- private:
-  long entries_;
-  std::vector<std::string> tops_;
-};
-
-using SharedForest = std::shared_ptr<const Forest>;
-
-Contender for_each_top(const SharedForest& forest, void (Forest::*prepare)() const,
-                       int (*work)(const char* top)) {
-  return {[forest, prepare] { ((*forest).*prepare)(); },
-          [forest, work] {
-            for (const std::string& top : forest->tops()) require(work(top.c_str()) == 0, top);
-          }};
-}
-
-Contender by_commands(const SharedForest& forest, void (Forest::*prepare)() const,
-                      const std::vector<std::vector<std::string>>& commands) {
-  return {[forest, prepare] { ((*forest).*prepare)(); },
-          [forest, commands] {
-            for (const std::vector<std::string>& words : commands)
-              run_or_die(forest->command(words));
-          }};
-}
 
 int remove_ours(const char* top) {
   return rm_tree(top, 1), 0;

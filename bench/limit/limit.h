@@ -18,6 +18,9 @@ int limit_walk(const char* top);
 /** limit_walk() with one unlinkat() an entry. */
 int limit_remove_tree(const char* top);
 
+/** Lists all below `top`; then looks at each entry again with one fstatat(), and removes it. */
+int limit_clean(const char* top);
+
 /** Two walks, with one fchownat() and one fchmodat2() an entry. Links are left alone. */
 int limit_set_perms(const char* top, uid_t owner, gid_t group, mode_t file_mode, mode_t dir_mode);
 

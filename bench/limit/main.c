@@ -34,12 +34,14 @@ int main(int argc, char** argv) {
     result = for_each(limit_walk, argv + 2);
   else if (argc > 2 && strcmp(argv[1], "remove-tree") == 0)
     result = for_each(limit_remove_tree, argv + 2);
+  else if (argc > 2 && strcmp(argv[1], "clean") == 0)
+    result = for_each(limit_clean, argv + 2);
   else if (argc > 2 && strcmp(argv[1], "set-perms") == 0)
     result = for_each(set_perms, argv + 2);
   else if (argc > 2 && strcmp(argv[1], "capture") == 0)
     result = capture(argv + 2);
   else
-    fputs("usage: limit walk|remove-tree|set-perms DIRECTORY... | capture PATH ARGUMENT...\n",
+    fputs("usage: limit walk|remove-tree|clean|set-perms DIRECTORY... | capture PATH ARGUMENT...\n",
           stderr);
   return result == -1 ? 1 : result;
 }

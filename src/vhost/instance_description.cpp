@@ -1,6 +1,7 @@
 #include <libxml/SAX2.h>
 #include <libxml/parser.h>
 #include <libxml/tree.h>
+#include <libxml/xmlerror.h>
 #include <limits.h>
 
 #include <memory>
@@ -74,15 +75,31 @@ xmlEntity* countedParameterEntity(void* context, const xmlChar* name) {
   return references++ < kMostReferences ? xmlSAX2GetParameterEntity(context, name) : nullptr;
 }
 
+/// Keeps libxml2 from printing, for which XML_PARSE_NOERROR is not enough: the validity of a
+/// document type and the conversion of encodings are reported in spite of it.
+class SilentParser {
+ public:
+  SilentParser() {
+    xmlSetStructuredErrorFunc(nullptr, [](void* /*data*/, auto* /*error*/) {});
+  }
+  ~SilentParser() { xmlSetStructuredErrorFunc(data_, report_); }
+  SilentParser(const SilentParser&) = delete;
+  SilentParser& operator=(const SilentParser&) = delete;
+
+ private:
+  xmlStructuredErrorFunc report_ = xmlStructuredError;
+  void* data_ = xmlStructuredErrorContext;
+};
+
 /// Without the option to substitute entities the parser opens no external one, and without the one
 /// to load document types none that lies beside the document.
 Document parse(const std::string& description) {
+  const SilentParser silent;
   const Context context(xmlNewParserCtxt());
   if (!context || description.size() > INT_MAX) return nullptr;
   int references = 0;
   context->_private = &references;
   context->sax->getParameterEntity = countedParameterEntity;
-  context->sax->serror = [](void* /*data*/, auto* /*error*/) {};  // XML_PARSE_NOERROR prints some
   Document document(xmlCtxtReadMemory(context.get(), description.data(),
                                       static_cast<int>(description.size()), nullptr, nullptr,
                                       XML_PARSE_NONET));

@@ -287,4 +287,56 @@ TEST(CleanDirContent, TakesTheSectionsFromWhereTheyLie) {
                    "d 0755 0:0 base/httpsdocs", "d 0755 0:0 cgi", "d 0755 0:0 docs"}));
 }
 
+TEST(CleanDirContent, LeavesTheSectionsAloneThatAreKept) {
+  const ScratchDir scratch;
+  for (const char* name : {"cgi/a", "base/error_docs/a", "base/error_docs2/a"})
+    write_file(scratch / name, "");
+  const Lines before = testsupport::tree_listing(scratch.path());
+  frask::ExtractParams params;
+  params.cgiBinDir = scratch / "cgi";
+  params.keepCgiBin = true;
+  params.keepErrorDocs = true;
+  std::vector<std::filesystem::path> entries{"cgi-bin/a", "error_docs/a", "error_docs"};
+  const auto clean = [&] {
+    return in_child([&] { frask::cleanDirContent(&entries, scratch / "base", params); });
+  };
+  EXPECT_EQ(clean(), (Outcome{"", "", 0}));
+  EXPECT_EQ(testsupport::tree_listing(scratch.path()), before);
+  params.keepCgiBin = false;
+  params.keepErrorDocs = false;
+  EXPECT_EQ(clean(), (Outcome{"", "", 0}));
+  EXPECT_EQ(testsupport::tree_listing(scratch.path()),
+            (Lines{"d 0755 0:0 base", "d 0755 0:0 base/error_docs2",
+                   "f 0644 0:0 base/error_docs2/a ", "d 0755 0:0 cgi"}));
+}
+
+TEST(CleanDirContent, RemovesNoBaseThatIsALink) {
+  const ScratchDir scratch;
+  std::filesystem::create_directories(scratch / "real");
+  std::filesystem::create_symlink("real", scratch / "base");
+  write_file(scratch / "real/file", "");
+  std::vector<std::filesystem::path> entries{"", "file"};
+  const auto outcome = in_child([&] { frask::cleanDirContent(&entries, scratch / "base", {}); });
+  EXPECT_EQ(outcome, (Outcome{"", vhosttest::failed("rmdir", scratch / "base/", ENOTDIR), 0}));
+  EXPECT_EQ(testsupport::tree_listing(scratch.path()),
+            (Lines{"l - 0:0 base real", "d 0755 0:0 real"}));
+}
+
+TEST(CleanDirContent, ReportsAnEntryByItsPath) {
+  const ScratchDir scratch;
+  write_file(scratch / "base/file", "");
+  write_file(scratch / "docs/file", "");
+  frask::ExtractParams params;
+  params.docrootDir = scratch / "docs/";
+  std::vector<std::filesystem::path> entries{"httpdocs//file//x", "file/./x",
+                                             scratch / "docs/file/x"};
+  const auto outcome =
+      in_child([&] { frask::cleanDirContent(&entries, scratch / "base/", params); });
+  EXPECT_EQ(outcome, (Outcome{"",
+                              vhosttest::failed("lstat", scratch / "docs/file/x", ENOTDIR) +
+                                  vhosttest::failed("lstat", scratch / "docs/file/x", ENOTDIR) +
+                                  vhosttest::failed("lstat", scratch / "base/file/./x", ENOTDIR),
+                              0}));
+}
+
 }  // namespace

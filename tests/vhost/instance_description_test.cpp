@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <libxml/xmlerror.h>
 #include <string.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -192,13 +193,33 @@ TEST(ReadInstance, TakesParameterEntitiesThatAPersonWrites) {
 }
 
 TEST(ReadInstance, PrintsNothing) {
-  for (const char* text :
-       {"<a", "<a>&b;</a>", "<a xmlns:b=''/>", "<b:a/>", "<?xml version=\"7\"?><a/>",
-        "<!DOCTYPE a [<!ELEMENT b ANY><!ELEMENT b ANY>]><a/>",
-        "<!DOCTYPE a [<!ATTLIST a b ID #IMPLIED><!ATTLIST a c ID #IMPLIED>]><a b='c' c='c'/>"}) {
+  std::vector<std::string> documents{
+      "<a",
+      "<a>&b;</a>",
+      "<a xmlns:b=''/>",
+      "<b:a/>",
+      "<?xml version='7'?><a/>",
+      "<?xml version='1.0' encoding='nonsense'?><a/>",
+      "<?xml version='1.0' encoding='UTF-8'?><a>\xff</a>",
+      "<!DOCTYPE a [<!ELEMENT b ANY><!ELEMENT b ANY>]><a/>",
+      "<!DOCTYPE a [<!ATTLIST a b ID #IMPLIED><!ATTLIST a c ID #IMPLIED>]><a b='c' c='c'/>"};
+  const std::string broken_utf16("\xff\xfe<\0a\0>\0\0\xd8<\0", 12);
+  documents.push_back(broken_utf16);
+  for (const std::string& text : documents) {
     const auto outcome = testsupport::in_child([&] { failure_of(text); });
     EXPECT_EQ(outcome, (testsupport::Outcome{"", "", 0})) << text;
   }
+}
+
+TEST(ReadInstance, LeavesTheCallersOwnReportsAsTheyAre) {
+  const xmlStructuredErrorFunc none = nullptr;
+  int data = 0;
+  const auto report = [](void* /*data*/, auto* /*error*/) {};
+  xmlSetStructuredErrorFunc(&data, report);
+  failure_of("<a");
+  EXPECT_EQ(xmlStructuredErrorContext, &data);
+  EXPECT_NE(xmlStructuredError, none);
+  xmlSetStructuredErrorFunc(nullptr, nullptr);
 }
 
 /// Descriptions that name other files in each way that there is.
