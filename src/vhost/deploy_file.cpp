@@ -44,7 +44,7 @@ void FileCopier::copy(int from, int to, off_t expected) {
     if (got <= 0) break;
     expected -= got;
     const std::string_view piece(piece_.get(), held + static_cast<size_t>(got));
-    more = expected != 0 || piece.size() == kPiece;
+    more = expected != 0;
     const ReplacedPiece done = replacePlaceholders(piece, siteName_, replaced_);
     if (!writeAll(to, done.text)) return;
     held = done.unfinished;

@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <sstream>
+#include <stdexcept>
 
 #include "support/stopped_child.h"
 #include "vhost/deploy_fixture.h"
@@ -34,6 +36,14 @@ class DeployRaceTest : public DeployTest {
     fs::rename(path, path + ".moved");
     fs::create_directory_symlink("/mnt/outside", path);
   }
+
+  /// What is seen meanwhile is seen by another process.
+  static void noteModeOf(const std::string& path) {
+    std::ostringstream mode;
+    mode << std::oct << testsupport::mode_of(path);
+    write_file("/mnt/mode", mode.str());
+  }
+  static std::string notedMode() { return testsupport::read_file("/mnt/mode"); }
 
   void expectOutsideUnharmed() const {
     EXPECT_EQ(tree_listing("/mnt/outside"), Lines{"f 0644 0:0 kept kept"});
@@ -98,6 +108,19 @@ TEST_F(SetupSkeletonInARace, ReportsADocumentRootThatAppearsBehindTheCheck) {
   EXPECT_EQ(testsupport::mode_of(root("docs")), 0755U);
 }
 
+TEST_F(SetupSkeletonInARace, ReportsADocumentRootThatAppearsAsAnythingElse) {
+  fs::create_directories(skeleton("httpdocs"));
+  options_.docrootDir = "/var/www/vhosts/docs";
+  const std::vector<std::function<void()>> appearances{
+      [] { write_file(root("docs"), "theirs"); },
+      [] { fs::create_symlink("/mnt/outside/kept", root("docs")); }};
+  for (const auto& appear : appearances) {
+    fs::remove(root("docs"));
+    EXPECT_EQ(deployStoppedAt({SYS_mkdir, "", 2}, appear), done(existing(root("docs"))));
+  }
+  expectOutsideUnharmed();
+}
+
 TEST_F(SetupSkeletonInARace, PassesOverAnOriginalThatVanishes) {
   write_file(skeleton("conf/file"), "");
   const std::string path = skeleton("conf/file");
@@ -145,6 +168,35 @@ TEST_F(SetupSkeletonInARace, PassesNoLinkThatGetsIntoTheSite) {
   EXPECT_EQ(deployStoppedAt(kOpeningOfNewDirectory, [] { putLinkAt(host("conf/sub")); }),
             done(unexaminedTarget(host("conf/sub/file"), ELOOP)));
   expectOutsideUnharmed();
+}
+
+TEST_F(SetupSkeletonInARace, LeavesTheModeOfAnothersDirectoryAlone) {
+  fs::create_directories(skeleton("conf/sub"));
+  ASSERT_EQ(chmod(skeleton("conf/sub").c_str(), 0777), 0);
+  const auto put_theirs = [] {
+    fs::rename(host("conf/sub"), host("conf/sub.moved"));
+    fs::create_directory(host("conf/sub"));
+    if (chown(host("conf/sub").c_str(), 7, 8) != 0 || chmod(host("conf/sub").c_str(), 0700) != 0)
+      throw std::logic_error("no directory of theirs");
+  };
+  EXPECT_EQ(deployStoppedAt(kOpeningOfNewDirectory, put_theirs), done());
+  EXPECT_EQ(deployed(),
+            (Lines{"d 0755 0:4242 conf", "d 0700 7:8 conf/sub", "d 0755 0:0 conf/sub.moved"}));
+}
+
+TEST_F(SetupSkeletonInARace, MakesNoDirectoryMoreOpenThanItWillBe) {
+  fs::create_directories(skeleton("conf/sub"));
+  ASSERT_EQ(chmod(skeleton("conf/sub").c_str(), 0050), 0);
+  EXPECT_EQ(deployStoppedAt(kOpeningOfNewDirectory, [] { noteModeOf(host("conf/sub")); }), done());
+  EXPECT_EQ(notedMode(), "750") << "it must be opened by who made it";
+  EXPECT_EQ(testsupport::mode_of(host("conf/sub")), 0050U);
+}
+
+TEST_F(SetupSkeletonInARace, ShowsNoSetUserIdProgramAtAnyMoment) {
+  write_file(skeleton("conf/file"), "", 06755);
+  EXPECT_EQ(deployStoppedAt({SYS_fchown, "", 2}, [] { noteModeOf(host("conf/file")); }), done());
+  EXPECT_EQ(notedMode(), "755");
+  EXPECT_EQ(testsupport::mode_of(host("conf/file")), 0755U);
 }
 
 TEST_F(SetupSkeletonInARace, WorksOnInADirectoryThatIsMovedAway) {

@@ -111,6 +111,23 @@ TEST_F(SetupSkeleton, PassesNoLinkBelowTheDocumentRoot) {
   EXPECT_EQ(tree_listing("/mnt/outside"), Lines{});
 }
 
+TEST_F(SetupSkeleton, PassesNoLinkBelowTheCgiDirectory) {
+  write_file(skeleton("cgi-bin/sub/file"), "new");
+  fs::create_directories("/mnt/outside");
+  fs::create_directories(host("cgi-bin"));
+  fs::create_directory_symlink("/mnt/outside", host("cgi-bin/sub"));
+  EXPECT_EQ(deploy(), done(existing(host("cgi-bin/sub")) +
+                           unexaminedTarget(host("cgi-bin/sub/file"), ELOOP)));
+  EXPECT_EQ(tree_listing("/mnt/outside"), Lines{});
+}
+
+TEST_F(SetupSkeleton, TakesItsModeAsGivenWhateverSkipHttpdocsSays) {
+  write_file(skeleton("httpdocs/file"), "");
+  options_.skipHttpdocs = 1;
+  EXPECT_EQ(deploy(), done());
+  EXPECT_EQ(deployed(), (Lines{"d 0755 0:4242 httpdocs", "f 0644 0:4242 httpdocs/file "}));
+}
+
 TEST_F(SetupSkeleton, ReachesTheDirectoriesThemselvesThroughLinks) {
   write_file(skeleton("conf/file"), "");
   write_file(skeleton("httpdocs/file"), "");
@@ -138,13 +155,15 @@ TEST_F(SetupSkeleton, FillsTheSiteOfAUserWhoRunsItAndReadsWhatThatUserMay) {
   fs::create_directories(host(""));
   ASSERT_EQ(chown(host("").c_str(), 65534, 65534), 0);
   ASSERT_EQ(chmod(skeleton("conf/dark").c_str(), 0700), 0);
+  fs::create_directory(skeleton("conf/others"));
+  ASSERT_EQ(chmod(skeleton("conf/others").c_str(), 01007), 0);
   const auto outcome = deployAfter([] { testsupport::become_nobody_in("/"); });
   EXPECT_EQ(outcome, done("filesystem error: directory iterator cannot open directory: Permission "
                           "denied [" +
                           skeleton("conf/dark") + "]\n"));
-  EXPECT_EQ(deployed(),
-            (Lines{"d 0755 65534:65534 conf", "f 0600 65534:65534 conf/closed ",
-                   "d 0700 65534:65534 conf/dark", "f 0604 65534:65534 conf/open text"}));
+  EXPECT_EQ(deployed(), (Lines{"d 0755 65534:65534 conf", "f 0600 65534:65534 conf/closed ",
+                               "d 0700 65534:65534 conf/dark", "f 0604 65534:65534 conf/open text",
+                               "d 1007 65534:65534 conf/others"}));
 }
 
 TEST_F(SetupSkeleton, ReportsATargetThatCannotBeExamined) {
