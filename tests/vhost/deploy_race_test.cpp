@@ -116,6 +116,7 @@ TEST_F(SetupSkeletonInARace, ReportsADocumentRootThatAppearsAsAnythingElse) {
       [] { fs::create_symlink("/mnt/outside/kept", root("docs")); }};
   for (const auto& appear : appearances) {
     fs::remove(root("docs"));
+    fs::remove_all(root("example.com"));
     EXPECT_EQ(deployStoppedAt({SYS_mkdir, "", 2}, appear), done(existing(root("docs"))));
   }
   expectOutsideUnharmed();
