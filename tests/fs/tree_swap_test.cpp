@@ -1,5 +1,4 @@
 #include <errno.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdio.h>
