@@ -251,7 +251,7 @@ TEST(WaitingMembers, KeepWaitingForAStoppedChildUnlessTheyReportIt) {
   const std::string script =
       "pid=$$; (exec >&- 2>&-; until grep -q '^State:.T' /proc/$pid/status; do sleep 0.01; done; "
       "sleep 1.3; kill -CONT $pid) & kill -STOP $$; echo late; exit 5";
-  EXPECT_EQ(do_exec("/bin/sh", shell(script + " >/dev/null").get()), 5 << 8);
+  EXPECT_EQ(do_exec("/bin/sh", shell("exec >/dev/null; " + script).get()), 5 << 8);
   EXPECT_EQ(fork_execv("/bin/sh", "-c", script.c_str(), nullptr), 5);
   const Captured out = capture_out(shell(script));
   EXPECT_EQ(out.result, 5) << "nor is it taken for an ended one in a pause";
