@@ -123,7 +123,7 @@ std::vector<Way> ways(const std::string& file) {
       {"a pipeline without waiting for its writer", run(good | TExecsList(good))},
       {"a captured command", captured(good)},
       {"a captured command that is not waited for", captured(beside)},
-      {"a captured pipeline", captured(beside | beside | beside)},
+      {"a captured pipeline", captured(beside | (command({"/bin/cat"}) ^ kWait) | beside)},
       {"a captured line that throws", captured(((beside | good), TExec(frask::sys::el)))},
       {"a captured program that is missing", captured(missing ^ kWait)},
       {"text and files",

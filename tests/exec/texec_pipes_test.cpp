@@ -256,7 +256,7 @@ TEST(Pipeline, IsClosedWhenItsReaderIsNotStarted) {
 
 TEST(Pipeline, IsClosedWhenItsReaderCannotOpenTheNextOne) {
   const TExec cat = command({"cat"}) ^ TExec::wait_mode;
-  TExecsList line = (cat | cat) | TExec(cat);
+  TExecsList line = cat | shell("cat") | cat;
   const Outcome outcome = alone([&line] {
     limit_descriptors(6);  // enough for one pipe, not for two at a time
     try {
