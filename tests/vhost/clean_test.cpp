@@ -53,6 +53,15 @@ TEST(CleanDocroot, EmptiesThemInsideTheHostToo) {
                    "d 0755 0:0 httpsdocs", "f 0644 0:0 httpsdocs/a ", "d 0755 0:0 private"}));
 }
 
+TEST(CleanDocroot, EmptiesTheSameWhateverIsSaidOfTheOthers) {
+  Host host;
+  host.skip_httpdocs = 1;
+  host.keep_error_docs = 1;
+  for (const char* name : {"documents/a", "cgi/a", "site/private/a"}) write_file(host / name, "");
+  EXPECT_EQ(host.clean(), reported(""));
+  EXPECT_EQ(tree_listing(host.path()), kEmptied);
+}
+
 TEST(CleanDocroot, DropsSeparatorsBehindTheDirectories) {
   Host host;
   write_file(host / "documents/documents/a", "");

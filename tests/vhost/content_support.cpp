@@ -25,7 +25,7 @@ Host::Host(const std::filesystem::path& parent) : scratch_(parent) {
 }
 
 DocrootCleanOptions Host::options() const {
-  return {documents.c_str(), 0, keep_error_docs, keep_cgi_bin, cgi.c_str()};
+  return {documents.c_str(), skip_httpdocs, keep_error_docs, keep_cgi_bin, cgi.c_str()};
 }
 
 Outcome Host::clean() const {

@@ -38,6 +38,7 @@ class Host {
   testsupport::Outcome delete_instance(const std::string& prefix,
                                        const std::string& description) const;
 
+  int skip_httpdocs = 0;
   int keep_error_docs = 0;
   int keep_cgi_bin = 0;
   std::string site;       ///< as it is given to the routines

@@ -273,6 +273,23 @@ TEST_F(SetupSkeleton, DeploysFarMoreThanOneReadOfALargeFile) {
   EXPECT_TRUE(testsupport::read_file(host("conf/large")) == expected);
 }
 
+TEST_F(SetupSkeleton, ReplacesPlaceholdersWhereverAReadEnds) {
+  constexpr size_t kReads = 1310720;  // five of them
+  for (const size_t gap : {4, 6, 10}) {
+    SCOPED_TRACE(gap);
+    std::string text;
+    std::string expected;
+    while (text.size() < kReads) {
+      text.append(gap, '.').append("@domain_name@");
+      expected.append(gap, '.').append("example.com");
+    }
+    write_file(skeleton("conf/large"), text);
+    fs::remove_all(root("example.com"));
+    EXPECT_EQ(deploy(), done());
+    EXPECT_TRUE(testsupport::read_file(host("conf/large")) == expected);
+  }
+}
+
 long most_kilobytes_used() {
   rusage usage = {};
   EXPECT_EQ(getrusage(RUSAGE_SELF, &usage), 0);
@@ -308,7 +325,10 @@ TEST_F(SetupSkeleton, LeavesNoDescriptorOpen) {
   testing::internal::CaptureStdout();
   deployHere();
   deployHere("none");
-  testing::internal::GetCapturedStdout();
+  options_.docrootDir = "/proc/nowhere/httpdocs";  // "conf" comes first, and is open by then
+  deployHere();
+  EXPECT_NE(testing::internal::GetCapturedStdout().find("cannot create directories"),
+            std::string::npos);
   EXPECT_EQ(testsupport::open_descriptors(), before);
 }
 
