@@ -109,7 +109,8 @@ TEST(Descent, GivesUpNothingWhileEnoughIsFree) {
 
 TEST(Descent, NeverWorksInAnotherDirectoryThanThePresentOne) {
   expect_good([](Descent& descent) {
-    if (!go_down(descent) || !go_down(descent)) return false;
+    for (int level = 0; level < 2; ++level)
+      if (!go_down(descent)) return false;
     if (chdir("/") != 0) return false;  // as after a way back that failed
     testsupport::allow_descriptors(0);
     return descent.reserve(1) && here() == "b";

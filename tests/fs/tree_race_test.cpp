@@ -1,14 +1,11 @@
-#include <errno.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <stdio.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <stdexcept>
+#include <string>
+#include <vector>
 
 #include "fs/tree.h"
 #include "support/scratch.h"
@@ -22,7 +19,6 @@ namespace {
 using fstest::Change;
 using fstest::changes;
 using fstest::ended;
-using fstest::report;
 using testsupport::Call;
 using testsupport::in_child_stopped_at;
 using testsupport::ScratchDir;

@@ -52,9 +52,13 @@ int levels_without_mode(const std::string& top, mode_t mode) {
 }
 
 TEST(TreeWalk, GoesDownADeepTree) {
-  for (const auto& [few, old] : {std::pair(false, false), {true, false}, {true, true}}) {
-    SCOPED_TRACE(few ? "with 1024 descriptors" : "with the descriptors that there are");
-    SCOPED_TRACE(old ? "on an old system" : "on a young one");
+  struct Row {
+    bool few;  ///< no more than 1024 descriptors
+    bool old;  ///< a system without fchmodat2()
+  };
+  for (const Row& row : {Row{false, false}, {true, false}, {true, true}}) {
+    SCOPED_TRACE(row.few ? "with 1024 descriptors" : "with the descriptors that there are");
+    SCOPED_TRACE(row.old ? "on an old system" : "on a young one");
     const ScratchDir scratch(testsupport::memory_directory());
     const std::string top = scratch / "top";
     std::filesystem::create_directory(top);
@@ -62,14 +66,14 @@ TEST(TreeWalk, GoesDownADeepTree) {
     ASSERT_EQ(levels_without_mode(top, 0755), 0);
     ASSERT_EQ(levels_without_mode(top, 0700), kDeep + 1);
     EXPECT_EQ(in_child([&] {
-                if (few) testsupport::limit_descriptors(1024);
-                if (old) fstest::refuse_fchmodat2(ENOSYS);
+                if (row.few) testsupport::limit_descriptors(1024);
+                if (row.old) fstest::refuse_fchmodat2(ENOSYS);
                 tree_set_perms(top.c_str(), 7, 8, 0640, 0700, 1);
               }),
               ended(0, ""));
     EXPECT_EQ(levels_without_mode(top, 0700), 0);
     EXPECT_EQ(in_child([&] {
-                if (few) testsupport::limit_descriptors(1024);
+                if (row.few) testsupport::limit_descriptors(1024);
                 rm_tree(top.c_str(), 1);
               }),
               ended(0, ""));

@@ -9,7 +9,6 @@
 
 #include "tool/tool_fixture.h"
 
-using testsupport::in_child;
 using testsupport::Outcome;
 using testsupport::write_file;
 
@@ -32,14 +31,10 @@ class Modes : public ToolTest {
   }
 
   static Outcome as_nobody(const std::string& program, std::vector<std::string> words) {
-    return in_child([&] {
+    const auto become_nobody = [] {
       if (setgroups(0, nullptr) != 0 || setgid(kNobody) != 0 || setuid(kNobody) != 0) _exit(97);
-      std::vector<char*> argv{const_cast<char*>(program.c_str())};
-      for (std::string& word : words) argv.push_back(word.data());
-      argv.push_back(nullptr);
-      execv(program.c_str(), argv.data());
-      _exit(98);
-    });
+    };
+    return prepared(become_nobody, std::move(words), program);
   }
 };
 
@@ -80,11 +75,10 @@ TEST_F(Modes, TakeRootIdentityEvenForHelp) {
 
 TEST_F(Modes, ReportAFailedSetgidInTheSameWords) {
   const std::string program = public_program();
-  const Outcome outcome = in_child([&program] {
+  const auto drop_setgid = [] {
     if (setgid(kNobody) != 0 || prctl(PR_CAPBSET_DROP, CAP_SETGID) != 0) _exit(97);
-    execl(program.c_str(), program.c_str(), "--help", static_cast<char*>(nullptr));
-    _exit(98);
-  });
+  };
+  const Outcome outcome = prepared(drop_setgid, {"--help"}, program);
   EXPECT_EQ(outcome, fatal("Unable to get ROOT permissions: Operation not permitted\n"
                            "System error 1: Operation not permitted"));
 }
@@ -222,10 +216,7 @@ TEST_F(Modes, AnswerMinusOneForZipWithoutItsTools) {
 }
 
 TEST_F(Modes, EndOnVirtualHostNamesThatCannotBeConverted) {
-  EXPECT_EQ(tembrix({"--vhost-name",
-                     "b\xc3\xbc"
-                     "cher.example",
-                     "--remove-skel", "--id", "7"}),
+  EXPECT_EQ(tembrix({"--vhost-name", "b\303\274cher.example", "--remove-skel", "--id", "7"}),
             answer(0));
   const std::string bad = std::string(64, 'a') + ".example";
   const Outcome refused = fatal("idn_toascii_safe(" + bad + ") failed: Invalid length");

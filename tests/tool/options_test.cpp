@@ -12,6 +12,7 @@ namespace {
 Options parse(std::vector<std::string> words) {
   words.insert(words.begin(), "tembrix");
   std::vector<char*> argv;
+  argv.reserve(words.size() + 2);
   for (std::string& word : words) argv.push_back(word.data());
   argv.push_back(nullptr);
   optind = 0;  // a new scan

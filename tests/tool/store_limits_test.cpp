@@ -147,7 +147,7 @@ TEST_F(StoreLimits, RefuseLongerPathsAndTouchNothing) {
 }
 
 TEST_F(StoreLimits, RefuseClientIdsThatAreNoDirectoryName) {
-  for (const size_t length : {256, 4073, 4074, 5000}) {
+  for (const size_t length : {256U, 4073U, 4074U, 5000U}) {
     SCOPED_TRACE(length);
     const std::string id(length, '7');
     const std::string path = store(id).substr(0, 4095);

@@ -1,5 +1,7 @@
 #include "tool/tool_fixture.h"
 
+#include <unistd.h>
+
 #include <filesystem>
 
 #include "support/private_mounts.h"
@@ -34,6 +36,19 @@ Outcome ToolTest::tembrix(const std::vector<std::string>& words,
   std::vector<std::string> command{TEMBRIX_PROGRAM};
   command.insert(command.end(), words.begin(), words.end());
   return testsupport::run(command, options);
+}
+
+Outcome ToolTest::prepared(const std::function<void()>& prepare, std::vector<std::string> words,
+                           const std::string& program) {
+  std::vector<char*> argv{const_cast<char*>(program.c_str())};
+  argv.reserve(words.size() + 2);
+  for (std::string& word : words) argv.push_back(word.data());
+  argv.push_back(nullptr);
+  return testsupport::in_child([&] {
+    prepare();
+    execv(program.c_str(), argv.data());
+    _exit(98);
+  });
 }
 
 void ToolTest::shell(const std::string& script) const {

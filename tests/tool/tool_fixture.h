@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,11 @@ class ToolTest : public ::testing::Test {
   /// Runs the program; the words stand behind its name.
   static testsupport::Outcome tembrix(const std::vector<std::string>& words,
                                       const testsupport::RunOptions& options = {});
+
+  /// Runs the program, or another of its kind, behind a preparation in the same process.
+  static testsupport::Outcome prepared(const std::function<void()>& prepare,
+                                       std::vector<std::string> words,
+                                       const std::string& program = TEMBRIX_PROGRAM);
 
   /// Runs a shell script in the scratch directory; the test fails unless it succeeds.
   void shell(const std::string& script) const;
