@@ -216,10 +216,7 @@ TEST_F(Modes, AnswerMinusOneForZipWithoutItsTools) {
 }
 
 TEST_F(Modes, EndOnVirtualHostNamesThatCannotBeConverted) {
-  EXPECT_EQ(tembrix({"--vhost-name",
-                     "b\xc3\xbc"
-                     "cher.example",
-                     "--remove-skel", "--id", "7"}),
+  EXPECT_EQ(tembrix({"--vhost-name", "b\303\274cher.example", "--remove-skel", "--id", "7"}),
             answer(0));
   const std::string bad = std::string(64, 'a') + ".example";
   const Outcome refused = fatal("idn_toascii_safe(" + bad + ") failed: Invalid length");
