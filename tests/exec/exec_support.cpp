@@ -117,14 +117,14 @@ std::string descriptors() {
   return text;
 }
 
-void install_utility(const std::string& name) {
+void install_utility(const std::string& name, const std::string& program) {
   const std::filesystem::path directory = "/usr/local/oxa/admin/sbin";
   testsupport::enter_private_mounts();
   std::filesystem::create_directories(directory);
-  std::filesystem::create_symlink(kProbe, directory / name);
+  std::filesystem::create_symlink(program, directory / name);
 }
 
-void install_libexec(const std::string& name) {
+void install_libexec(const std::string& name, const std::string& program) {
   testsupport::enter_private_mounts();
   std::filesystem::create_directories("/mnt/upper");
   std::filesystem::create_directories("/mnt/work");
@@ -133,7 +133,7 @@ void install_libexec(const std::string& name) {
     broken("mount");
   const std::filesystem::path path = "/usr/lib64/frask-9.0/" + name;
   std::filesystem::create_directories(path.parent_path());
-  std::filesystem::create_symlink(kProbe, path);
+  std::filesystem::create_symlink(program, path);
 }
 
 void close_others() {

@@ -60,11 +60,11 @@ testing::AssertionResult reported(const testsupport::Outcome& outcome, int exit_
 /// This process's descriptors; see list_descriptors().
 std::string descriptors();
 
-/// Makes the probe an administrative utility, in a private file system.
-void install_utility(const std::string& name);
+/// Makes a program an administrative utility, in a private file system.
+void install_utility(const std::string& name, const std::string& program = kProbe);
 
-/// Makes the probe a library executable, in a private file system.
-void install_libexec(const std::string& name);
+/// Makes a program a library executable, in a private file system.
+void install_libexec(const std::string& name, const std::string& program = kProbe);
 
 /// Closes all but the standard descriptors, also what the surroundings left to the tests.
 void close_others();

@@ -231,10 +231,11 @@ TEST(ForkExecvFd, ClosesItsWriteEndBeforeItReadsAndItsReadEndBeforeItWaits) {
   std::smatch ends;
   ASSERT_TRUE(std::regex_search(trace.caller, ends, std::regex("pipe2\\(\\[([0-9]+), ([0-9]+)\\]")))
       << trace.caller;
-  const size_t closed = trace.caller.find("close(" + ends[2].str() + ")", ends.position());
-  const size_t read = trace.caller.find("read(" + ends[1].str() + ",", ends.position());
+  const auto from = static_cast<size_t>(ends.position());
+  const size_t closed = trace.caller.find("close(" + ends[2].str() + ")", from);
+  const size_t read = trace.caller.find("read(" + ends[1].str() + ",", from);
   const size_t done = trace.caller.find("close(" + ends[1].str() + ")", read);
-  const size_t waited = trace.caller.find("wait4(", ends.position());
+  const size_t waited = trace.caller.find("wait4(", from);
   ASSERT_NE(waited, std::string::npos) << trace.caller;
   EXPECT_LT(closed, read) << trace.caller;
   EXPECT_LT(read, done) << trace.caller;

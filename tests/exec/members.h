@@ -14,7 +14,7 @@ enum class Start { kSpawn, kFork };
 struct Member {
   const char* name;
   Start start;
-  /// Runs the probe, which exits with the number in `code`; its exit code as the routine gives it.
+  /// Runs a shell that exits with the number in `code`; its exit code as the routine gives it.
   std::function<int(const char* code)> run;
 };
 
