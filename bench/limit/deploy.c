@@ -159,8 +159,8 @@ static int copy_directory(int to_dir, const char* name, const struct stat* st, g
   return made < 0 ? -1 : set_mode_and_group(made, st->st_mode, group);
 }
 
-static int copy_all(const Paths* paths, Side from, Side to, const char* domain, gid_t group) {
-  Buffers buffers = {NULL, 0, NULL, 0};
+static int copy_all(const Paths* paths, Side from, Side to, const char* domain, gid_t group,
+                    Buffers* buffers) {
   const char* present = "";
   size_t present_length = 0;
   for (size_t i = 0; i < paths->count; ++i) {
@@ -180,12 +180,10 @@ static int copy_all(const Paths* paths, Side from, Side to, const char* domain, 
     if (fstatat(from.parent, name, &st, AT_SYMLINK_NOFOLLOW) != 0) return -1;
     const int result = S_ISDIR(st.st_mode)
                            ? copy_directory(to.parent, name, &st, group)
-                           : copy_file(from.parent, to.parent, name, &st, group, domain, &buffers);
+                           : copy_file(from.parent, to.parent, name, &st, group, domain, buffers);
     if (result != 0) return -1;
   }
-  enter(&from, ""), enter(&to, "");
-  free(buffers.text), free(buffers.replaced);
-  return 0;
+  return enter(&from, "") == 0 ? enter(&to, "") : -1;
 }
 
 static int copy_listed(const Paths* paths, const char* skeleton, const char* host,
@@ -193,7 +191,9 @@ static int copy_listed(const Paths* paths, const char* skeleton, const char* hos
   const int from = open(skeleton, O_PATH | O_DIRECTORY | O_CLOEXEC);
   const int to = open(host, O_PATH | O_DIRECTORY | O_CLOEXEC);
   if (from < 0 || to < 0) return -1;
-  const int result = copy_all(paths, (Side){from, from}, (Side){to, to}, domain, group);
+  Buffers buffers = {NULL, 0, NULL, 0};
+  const int result = copy_all(paths, (Side){from, from}, (Side){to, to}, domain, group, &buffers);
+  free(buffers.text), free(buffers.replaced);
   close(from), close(to);
   return result;
 }
