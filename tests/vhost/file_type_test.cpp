@@ -178,6 +178,16 @@ TEST(TypeFromPath, LeavesNoProcessAndNoDescriptorBehind) {
   EXPECT_EQ(in_child(leaves_nothing, nowhere).exit_code(), 0);
 }
 
+TEST(TypeFromPath, ThrowsWhenNothingCanBeSharedWithTheChild) {
+  const Outcome outcome = in_child([] {
+    std::cout << std::flush;
+    const rlimit none = {1, 1};
+    if (setrlimit(RLIMIT_AS, &none) != 0) _exit(1);
+    ask_carelessly();
+  });
+  EXPECT_EQ(outcome.out, "before;buffered;caught 12 Cannot allocate memory;after;");
+}
+
 TEST(TypeFromPath, ThrowsWhenNoProcessCanBeStarted) {
   const Outcome outcome = in_child([] {
     const rlimit none = {0, 0};
