@@ -59,7 +59,8 @@ FRASK_API int setup_skeleton_on_subdomain(const char* domain, const char* subdom
  * Empties the document root, the CGI directory and "private" of a host; these themselves stay.
  *
  * Whatever cannot be listed or removed is reported on standard error, one line each, and stays.
- * Links are removed, never followed.
+ * Links are removed, never followed; a document root that is a link itself is not emptied. All is
+ * listed before anything is removed: what others create meanwhile stays, with its directory.
  *
  * @return 0, whatever happened
  */
@@ -72,11 +73,16 @@ FRASK_API int clean_docroot(const char* vhostDir, const DocrootCleanOptions* opt
  * The document is an INSTANCE-DATA element holding SECTION elements, whose attribute PREFIX is
  * "htdocs" or "cgi-bin", holding FILE elements, each with a path below `prefix` in that section.
  * The directory `prefix` of the document root goes as well once it is empty. Failures of single
- * entries are reported on standard error, and the work goes on.
+ * entries are reported on standard error, and the work goes on. The sections themselves are never
+ * removed, and no symbolic link below them is passed.
+ *
+ * A document type, a comment or a processing instruction before the element makes the document a
+ * wrong one; entities that expand without bound make it malformed. Nothing that it names is opened,
+ * and the parser prints nothing: the exception is the report.
  *
  * @param prefix  where the application lies in its section; "." for the section itself. "/", like
  *                any absolute path, leaves the host: the listed paths then count from the root of
- *                the file system
+ *                the file system, and no link is passed on all their way
  * @throws std::runtime_error for a document that is malformed or breaks these rules; nothing has
  *         been removed then
  */

@@ -162,7 +162,6 @@ class TreeLister {
   void reportUnopened(int parent, const char* name) const {
     const std::error_code cause(errno, std::generic_category());
     struct stat st = {};
-    if (cause.value() == ENOENT) return;
     if (::fstatat(parent, name, &st, AT_SYMLINK_NOFOLLOW) == 0) {
       if (S_ISDIR(st.st_mode)) report({"directory iterator cannot open directory", path_, cause});
     } else if (errno != ENOENT) {

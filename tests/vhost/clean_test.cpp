@@ -83,19 +83,24 @@ TEST(CleanDocroot, TakesRelativeDirectories) {
 
 TEST(CleanDocroot, LeavesAKeptCgiDirectoryUnlisted) {
   Host host;
-  host.keep_cgi_bin = 2;
   write_file(host / "cgi/closed/a", "");
   write_file(host / "documents/a", "");
-  Outcome outcome;
-  const std::string log = host / "log";
-  outcome = testsupport::in_child([&] {
-    const DocrootCleanOptions options = host.options();
-    exit(vhosttest::kReturned + clean_docroot(host.site.c_str(), &options));
-  });
-  EXPECT_EQ(outcome, reported(""));
-  EXPECT_EQ(tree_listing(host / "cgi"), (Lines{"d 0755 0:0 closed", "f 0644 0:0 closed/a "}));
-  EXPECT_EQ(tree_listing(host / "documents"), Lines{});
+  ASSERT_EQ(chmod(host.path().c_str(), 0755), 0);
+  ASSERT_EQ(chmod((host / "documents").c_str(), 0777), 0);
+  ASSERT_EQ(chmod((host / "cgi/closed").c_str(), 0700), 0);
+  const auto clean = [&] {
+    return testsupport::in_child([&] {
+      testsupport::become_nobody_in("/");
+      const DocrootCleanOptions options = host.options();
+      exit(vhosttest::kReturned + clean_docroot(host.site.c_str(), &options));
+    });
+  };
+  EXPECT_FALSE(clean() == reported("")) << "to list it would be reported";
+  host.keep_cgi_bin = 2;
+  EXPECT_EQ(clean(), reported(""));
   EXPECT_EQ(host.clean(), reported(""));
+  EXPECT_EQ(tree_listing(host / "cgi"), (Lines{"d 0700 0:0 closed", "f 0644 0:0 closed/a "}));
+  EXPECT_EQ(tree_listing(host / "documents"), Lines{});
 }
 
 TEST(CleanDocroot, PassesSilentlyOverDirectoriesThatAreMissingOrNotGiven) {
@@ -123,6 +128,8 @@ TEST(CleanDocroot, LeavesAloneWhatStandsInTheirPlace) {
   std::filesystem::create_symlink("../elsewhere", host / "site/private");
   const Lines before = tree_listing(host.path());
   EXPECT_EQ(host.clean(), reported(""));
+  host.documents = host / "cgi/";
+  EXPECT_EQ(host.clean(), reported("")) << "a separator makes no directory of a link";
   EXPECT_EQ(tree_listing(host.path()), before);
 }
 
@@ -324,6 +331,31 @@ TEST(CleanDocroot, NeverPassesALinkThatAppearsAtTheWorstMoment) {
     const std::string expected = failed("lstat", host / "documents/a/b/file", ELOOP);
     EXPECT_EQ(outcome.err.find(expected) == 0, row.reported) << outcome;
   }
+}
+
+TEST(CleanDocroot, WorksInTheDirectoriesThatItListed) {
+  const Host host;
+  make_victim(host);
+  const Lines victim = tree_listing(host / "victim");
+  for (const char* file : {"documents/a/b/file", "cgi/b/file", "site/private/first"})
+    write_file(host / file, "");
+  // All is listed by then, and only "private" was begun.
+  const auto outcome = testsupport::in_child_stopped_at(
+      {SYS_unlinkat, "first"},
+      [&] {
+        for (const char* name : {"documents", "cgi"}) {
+          std::filesystem::rename(host / name, host / (std::string("moved-") + name));
+          std::filesystem::create_symlink("victim", host / name);
+        }
+      },
+      [&] {
+        const DocrootCleanOptions options = host.options();
+        exit(vhosttest::kReturned + clean_docroot(host.site.c_str(), &options));
+      });
+  EXPECT_EQ(outcome, reported(""));
+  EXPECT_EQ(tree_listing(host / "victim"), victim);
+  EXPECT_EQ(tree_listing(host / "moved-documents"), Lines{});
+  EXPECT_EQ(tree_listing(host / "moved-cgi"), Lines{});
 }
 
 TEST(CleanDocroot, StandsATreeOfFiveThousandLevelsWithFewDescriptors) {

@@ -55,6 +55,8 @@ TEST(ConfinedDirectory, FindsWhatThePathMeans) {
                             "a/.",
                             "a/..",
                             "a/b/../d/c",
+                            "a/b/./../d/c",
+                            "a/../a/./b/c",
                             "a/b/../../file",
                             "..",
                             "../",

@@ -1,5 +1,6 @@
 // Runs one routine, for strace:
 //   content_calls list|library DIRECTORY          the entries on standard output, each with a zero
+//   content_calls tree DIRECTORY                  the same, sorted; a directory with "/" behind it
 //   content_calls clean VHOST DOCUMENTS CGI
 //   content_calls delete VHOST DOCUMENTS CGI PREFIX
 #include <stdlib.h>
@@ -11,6 +12,7 @@
 #include "library_listing.h"
 #include "vhost/FileList.h"
 #include "vhost/entry_points.h"
+#include "vhost/listing.private.h"
 
 namespace {
 
@@ -25,9 +27,19 @@ int list(const std::filesystem::path& dir, bool by_library) {
   return 0;
 }
 
+int list_tree(const std::string& dir) {
+  frask::TreeListing listing;
+  listing.add(dir, "");
+  listing.ascending([](const std::string& path, bool isDirectory) {
+    std::cout << path << (isDirectory ? "/" : "") << '\0';
+  });
+  return 0;
+}
+
 int run(int argc, char** argv) {
   if (argc == 3 && strcmp(argv[1], "list") == 0) return list(argv[2], false);
   if (argc == 3 && strcmp(argv[1], "library") == 0) return list(argv[2], true);
+  if (argc == 3 && strcmp(argv[1], "tree") == 0) return list_tree(argv[2]);
   if (argc < 5) return 2;
   const DocrootCleanOptions options = {argv[3], 0, 0, 0, argv[4]};
   if (argc == 5 && strcmp(argv[1], "clean") == 0) return clean_docroot(argv[2], &options);

@@ -181,8 +181,8 @@ TEST(TreeListing, LooksAtEntriesOfUnknownType) {
   const auto outcome =
       vhosttest::run_traced({"-o", "/dev/null", "-P", scratch / "top", "-e",
                              "inject=getdents64:poke_exit=@arg2=" + records + ":when=1"},
-                            {"list", scratch / "top"});
-  const std::string expected("\0link\0dir\0dir/in\0file\0", 22);
+                            {"tree", scratch / "top"});
+  const std::string expected("/\0dir/\0dir/in\0file\0link\0", 24);
   EXPECT_EQ(outcome, (testsupport::Outcome{expected, "", 0}));
 }
 
