@@ -1,6 +1,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <stdalign.h>
+#include <stdbool.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -11,7 +12,7 @@
 struct Entry {
   struct Entry* next;
   struct Entry* below; /* of a directory that is not empty */
-  char is_directory;
+  bool is_directory;
   char name[];
 };
 
@@ -33,6 +34,7 @@ static int add_entry(int dir_fd, const struct dirent64* listed, struct Entry** e
   entry->next = *entries;
   entry->below = NULL;
   entry->is_directory = listed->d_type == DT_DIR;
+  /* NOLINTNEXTLINE(clang-analyzer-security.insecureAPI.*): the C library has no memcpy_s() */
   memcpy(entry->name, listed->d_name, length);
   *entries = entry;
   return entry->is_directory ? list(dir_fd, entry->name, &entry->below) : 0;
