@@ -65,6 +65,8 @@ bool exists(const char* path) {
   return ::stat(path, &st) == 0;
 }
 
+/// Everything that can be thrown on this way has a text. Caught by any type, the end of a cancelled
+/// thread would be taken for a failure, too.
 void backUpOrLog(const char* path, const FileContent& content) {
   try {
     BackupFileGenerator names(path);
