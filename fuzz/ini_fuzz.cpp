@@ -25,11 +25,6 @@ bool is_stripped(std::string_view text) {
                           kSpace.find(text.back()) == std::string_view::npos);
 }
 
-/// The bytes up to the first NUL, where C strings end.
-std::string c_string(const std::string& bytes) {
-  return bytes.substr(0, bytes.find('\0'));
-}
-
 void check_strip_line(const std::string& before) {
   std::string line = before;
   const size_t length = strip_line(line.data());

@@ -2,16 +2,13 @@
 #ifndef FUZZ_MEMORY_FILE_H
 #define FUZZ_MEMORY_FILE_H
 
-#include <stdlib.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <string>
 #include <string_view>
 
-inline void check(bool holds) {
-  if (!holds) abort();
-}
+#include "check.h"
 
 /// A file in memory of this content, with a path that the readers can open.
 class MemoryFile {

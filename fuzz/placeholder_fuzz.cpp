@@ -6,13 +6,10 @@
 #include <string>
 #include <string_view>
 
+#include "check.h"
 #include "vhost/placeholder.private.h"
 
 namespace {
-
-void check(bool holds) {
-  if (!holds) abort();
-}
 
 std::string replaced_at_every_byte(std::string_view text, std::string_view name) {
   std::string result;
