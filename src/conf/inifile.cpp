@@ -21,7 +21,7 @@ using frask::conf::skip_space;
 
 namespace {
 
-/// No line with a password in it is longer than this.
+/// A line with a password in it that is longer may leave copies of it in freed memory.
 constexpr size_t kLongestLine = 65536;
 constexpr std::array<const char*, 3> kTrueWords{"on", "true", "yes"};
 

@@ -26,7 +26,8 @@ FRASK_API size_t strip_line(char* line);
  *
  * The first match wins, and a section may be opened more than once. ";" begins a comment wherever
  * it stands, "#" does not. Section and key are compared byte by byte. errno is cleared on entry.
- * The file may hold passwords: the memory that it was read through is wiped.
+ * The file may hold passwords: the memory that it was read through is wiped, for lines of up to
+ * 65536 bytes.
  *
  * @param section  the text between the brackets, its blanks included
  * @return a heap string that the caller frees with free(), "" for an empty value; NULL, silently,

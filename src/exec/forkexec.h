@@ -181,7 +181,7 @@ FRASK_API int popen_exec_with_input(const char* command, const char* input);
  * Failures are written to standard error: "popen_exec: failed to execute command: fork or pipe
  * calls failed, or cannot allocate memory", "popen_exec: failed to allocate memory", and
  * "popen_exec: warning: failed to allocate memory for command output buffer", where the text
- * becomes "" and the command goes on.
+ * becomes "" and nothing more is read: SIGPIPE ends a command that goes on writing.
  *
  * @param out  receives the text, also when pclose() failed; untouched when the command was not
  *             started or the first buffer could not be allocated

@@ -297,7 +297,8 @@ class FRASK_API TReadFromStr : public TExec::TPrepare {
   /**
    * The writing side: the write end becomes standard output, every other descriptor but standard
    * input and error is closed, the text is written and the process ends, without the caller's exit
-   * handlers and unwritten output. Its status is 0 whatever became of the text.
+   * handlers and unwritten output. Its status is 0 whatever became of the text;
+   * SIGPIPE, unless it is ignored, ends it when the text is not read to its end.
    */
   [[noreturn]] void action_of_d(int read_end, int write_end) const;
 
@@ -387,7 +388,8 @@ FRASK_API TExecsList operator,(const TExecsList&left, const TExecsList&right);
  * Executes the line and then reads what its last command writes to standard output, until the end
  * of data or an error in reading, an interruption included: `out` gets nothing of what is written
  * afterwards. That is read all the same and thrown away, so that the line ends as it would have;
- * only where reading goes on failing is the pipe closed, and the writer gets SIGPIPE. Returns when
+ * only where reading goes on failing, or the last command has stopped, is the pipe closed, and the
+ * writer gets SIGPIPE. Returns when
  * every process of the line has ended or, stopped, has been left to a later execute() to collect.
  *
  * A capture is a preparation that lets failures of fork and exec be thrown, added behind those of

@@ -46,7 +46,8 @@ void writeAll(int fd, const std::string& text) noexcept {
   }
 }
 
-/// Writes the text and ends the process, with status 0 whatever became of the text.
+/// Writes the text and ends the process, with status 0 whatever became of the text, unless SIGPIPE
+/// does that first.
 // Deliberate: write(2), and _exit() behind it. A stream needs memory, without which the text would
 // be lost, and the caller's own streams and exit handlers would add to it what the caller has not
 // yet written. Pinned by TReadFromStr.FeedsOnlyTheText and

@@ -110,6 +110,7 @@ int run_formed(const Command& command, int wanted) {
 
 bool counts_length(MYSQL* connection) {
   const char* counting = get_param("size_count_type", connection);
+  if (counting == nullptr) errno = 0;  // reported, and of no later report the reason
   return counting != nullptr && strcmp(counting, "byte") == 0;
 }
 

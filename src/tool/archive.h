@@ -32,7 +32,9 @@ FRASK_API extern const ArchiveDescriptor adc_tar;
 
 /**
  * Chooses an archive's type: the forced one, else what "/usr/bin/file" says of the content, else
- * what the extension says (".zip", ".tgz", ".tar.gz", ".tar", in any case).
+ * what the extension says (".zip", ".tgz", ".tar.gz", ".tar", in any case). What file(1) says of a
+ * missing file names the file, so that words in the name decide then. A name that begins with "-"
+ * would be taken for options: callers put "./" before it.
  *
  * @param file_name   kept in the descriptor, not copied; never changed
  * @param descriptor  filled on success only
@@ -40,7 +42,10 @@ FRASK_API extern const ArchiveDescriptor adc_tar;
  */
 FRASK_API int getArchiveDc(char* file_name, ArchiveDescriptor* descriptor, ArchiveType forced);
 
-/** @return 0 when the server can handle the type, -1 when it is none or the zip tools are missing
+/**
+ * Only the zip tools are looked for; tar and gzip are part of every system.
+ *
+ * @return 0 when the server can handle the type, -1 when it is none or the zip tools are missing
  */
 FRASK_API int testSupport(const ArchiveDescriptor* descriptor);
 

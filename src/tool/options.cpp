@@ -68,9 +68,17 @@ Mode mode_from_letter(int letter, Mode earlier) {
   return earlier;
 }
 
+/// Whether the archive tools read a name otherwise: as an option or their standard input, or, with
+/// a colon in its first element, as a file of another machine.
+bool is_misread(std::string_view name) {
+  return name.substr(0, 1) == "-" || name.substr(0, name.find('/')).find(':') != name.npos;
+}
+
 void set_file_name(Options& options, const char* name) {
-  options.file_name_too_long = strlen(name) >= sizeof options.file_name;
-  snprintf(options.file_name, sizeof options.file_name, "%s", name);
+  const int length = snprintf(options.file_name, sizeof options.file_name, "%s%s",
+                              is_misread(name) ? "./" : "", name);
+  options.file_name_too_long =
+      length < 0 || sizeof options.file_name <= static_cast<size_t>(length);
 }
 
 void apply(Options& options, int letter, const char* argument) {

@@ -18,8 +18,8 @@ enum class Mode {
 struct Options {
   Mode mode = Mode::kNone;
   ArchiveType forced_type = ARCHIVE_DETECT;
-  char file_name[4096] = "";        ///< a name of 4096 bytes or more is cut
-  bool file_name_too_long = false;  ///< whether it was
+  char file_name[4096] = "";        ///< with "./" before what the archive tools would misread
+  bool file_name_too_long = false;  ///< whether it took 4096 bytes or more and was cut
   const char* client_id = nullptr;  ///< points into argv
 };
 

@@ -68,7 +68,7 @@ FRASK_API int pathLength(const std::filesystem::path& p);
  * newline included, whatever its exit status. A missing path is something that it says, too.
  *
  * Deliberate: "./" is put before a path that begins with "-", which would be taken for options.
- * Pinned by TypeFromPath.TakesAPathThatLooksLikeAnOption.
+ * Pinned by TypeFromPath.TakesNoPathForAnOption.
  *
  * @throws sys::TSysCallErr when the program cannot be started, with the errno value of that, ENOMEM
  *         for whatever went wrong before it was tried; only in the caller's own process, never in

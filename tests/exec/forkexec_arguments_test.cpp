@@ -221,6 +221,17 @@ TEST(UtilExec, CutsAPathThatIsTooLong) {
                            "\") failed: File name too long\n"));
 }
 
+TEST(UtilLibexec, CutsAPathThatIsTooLong) {
+  const Outcome outcome = in_child([] {
+    if (util_libexec(std::string(5000, 'x').c_str(), nullptr) != 255) _exit(1);
+  });
+  const std::string prefix = "/usr/lib64/frask-9.0/";
+  const std::string path = prefix + std::string(4095 - prefix.size(), 'x');
+  EXPECT_TRUE(reported(outcome, 0,
+                       path + " execution failed:\nfork_execv: execv(\"" + path +
+                           "\") failed: No such file or directory\n"));
+}
+
 TEST(UtilExecArgs, PassesTheCallersVectorOn) {
   const Outcome outcome = in_child([] {
     install_utility("useful");

@@ -260,7 +260,7 @@ TEST(TReadFromStr, LeavesItsWriterToTheReaperOfOrphans) {
   EXPECT_EQ(outcome.exit_code(), 51) << outcome;
 }
 
-TEST(TReadFromStr, EndsItsWriterWithStatus0WhateverBecameOfTheText) {
+TEST(TReadFromStr, EndsItsWriterWithStatus0WhateverBecameOfTheTextWhereSigpipeIsIgnored) {
   const auto status_of = [](bool reader) {
     return alone([reader] {
              signal(SIGPIPE, SIG_IGN);

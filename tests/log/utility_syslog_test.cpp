@@ -196,6 +196,16 @@ TEST(FraskLogInit, ReopensSyslogWhenItIsCalledAgain) {
   EXPECT_EQ(outcome.lines[1].priority, LOG_USER | 3);
 }
 
+TEST(FraskLogInit, MayBeGivenTheIdentityInForceAgain) {
+  const SyslogOutcome outcome = in_child_with_syslog([] {
+    frask_log_init(nullptr, 6, LOG_MAIL, 0, "tembrix");
+    frask_log_init(nullptr, 6, LOG_MAIL, 0, LogIdent);
+    frask_log(3, "one");
+  });
+  ASSERT_EQ(outcome.lines.size(), 1U) << outcome.child;
+  EXPECT_EQ(outcome.lines[0].ident, "tembrix");
+}
+
 TEST(FraskLogInit, ReturnsFromSyslogToTheTerminal) {
   const SyslogOutcome outcome = in_child_with_syslog([] {
     frask_log_init(nullptr, 6, LOG_MAIL, 0, "tembrix");

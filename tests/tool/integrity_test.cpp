@@ -3,6 +3,7 @@
 #include <string.h>
 
 #include <filesystem>
+#include <sstream>
 
 #include "support/mariadb_server.h"
 #include "tool/archive.h"
@@ -233,8 +234,47 @@ TEST_F(TestIntegrity, FollowsLinksToTheFile) {
 
 TEST_F(TestIntegrity, PassesOtherTypesAfterTheSizeTest) {
   MariaDbServer server;
+  count_by(server, "byte");
   for (const ArchiveType type : {0, 1, 3, 6})
     EXPECT_EQ(with_command("exit 1; %s", type), (Outcome{"", "", 0})) << type;
+  sparse("a.tar", kLimit + 1);
+  EXPECT_EQ(with_command("exit 0; %s", 0).exit_code(), 1) << "the size comes first";
+  std::filesystem::remove(at("a.tar"));
+  EXPECT_NE(with_command("exit 0; %s", 0).out.find("Unable to check directory entry"),
+            std::string::npos);
+  server.stop();
+  EXPECT_NE(with_command("exit 0; %s", 0).out.find("Unable to connect to the mysql database"),
+            std::string::npos);
+}
+
+TEST_F(TestIntegrity, NamesNoErrorOfTheDatabaseInALaterReport) {
+  const MariaDbServer server;
+  write_file(at("bad.tar"), std::string(2000, 'x'));
+  const std::vector<std::string> words{TEMBRIX_PROGRAM, "--test-archive", "--filename",
+                                       at("bad.tar"),   "--force-type",   "tar"};
+  testsupport::RunOptions options;
+  options.environment = {{"ASAN_OPTIONS", "detect_leaks=0"}};
+  // The last thing that is sent before the command runs is the query; its sending fails.
+  const auto traced = [&](const std::vector<std::string>& how) {
+    std::vector<std::string> command{"strace",    "-s", "200",         "-o",
+                                     at("calls"), "-e", "trace=sendto"};
+    command.insert(command.end(), how.begin(), how.end());
+    command.insert(command.end(), words.begin(), words.end());
+    return testsupport::run(command, options);
+  };
+  EXPECT_EQ(traced({}).exit_code(), 2);
+  std::istringstream calls(testsupport::read_file(at("calls")));
+  int query = 0;
+  std::string line;
+  for (int number = 1; query == 0 && std::getline(calls, line); ++number)
+    if (line.find("size_count_type") != std::string::npos) query = number;
+  ASSERT_GT(query, 0);
+  const Outcome outcome =
+      traced({"-e", "inject=sendto:error=EPIPE:when=" + std::to_string(query) + "+"});
+  EXPECT_NE(outcome.out.find("Unable to query parameter by query"), std::string::npos);
+  const std::string report =
+      "tembrix: " + unsuccessful("tar -tf " + at("bad.tar") + " > /dev/null", 512);
+  EXPECT_NE(outcome.out.find(report + "2\n"), std::string::npos) << outcome;
 }
 
 TEST_F(TestIntegrity, AnswersTwoForACommandThatIsEmptyOrDoesNotFit) {

@@ -57,6 +57,29 @@ TEST(Options, SelectTheirModesByLongAndShortNames) {
                 {{"-h"}, Mode::kHelp}});
 }
 
+TEST(Options, PutAWorkingDirectoryBeforeNamesThatArchiveToolsMisread) {
+  for (const auto& [name, taken] : {std::pair("-", "./-"),
+                                    {"-C", "./-C"},
+                                    {"-d/a.zip", "./-d/a.zip"},
+                                    {"host:a.tar", "./host:a.tar"},
+                                    {":", "./:"},
+                                    {"a.tar", "a.tar"},
+                                    {"./-C", "./-C"},
+                                    {"d/-a", "d/-a"},
+                                    {"d/b:a.tar", "d/b:a.tar"},
+                                    {"/b:a.tar", "/b:a.tar"},
+                                    {"", ""}})
+    EXPECT_STREQ(parse({"--filename", name}).file_name, taken);
+}
+
+TEST(Options, CountWhatIsPutBeforeAName) {
+  const std::string fits = "-" + std::string(4092, 'a');
+  EXPECT_FALSE(parse({"--filename", fits}).file_name_too_long);
+  EXPECT_EQ(parse({"--filename", fits}).file_name, "./" + fits);
+  EXPECT_TRUE(parse({"--filename", fits + "a"}).file_name_too_long);
+  EXPECT_FALSE(parse({"--filename", "a" + fits + "a"}).file_name_too_long);
+}
+
 TEST(Options, KeepTheFirstMode) {
   expect_modes({{{"--remove-skel", "--test-archive", "--id", "7"}, Mode::kRemoveSkel},
                 {{"--test-support", "zip", "--install-skel"}, Mode::kTestSupport},
