@@ -13,9 +13,9 @@ namespace frask::sys {
 void abandon(int pid) noexcept;
 
 /// Collects those abandoned children that have ended, whichever thread has abandoned them, and
-/// forgets those that are no children any more. Never blocks, and leaves errno as it was. It touches
-/// no other child, except one that has got the number of an abandoned one that the caller itself
-/// collected.
+/// forgets those that are no children any more. Never blocks, and leaves errno as it was. It
+/// touches no other child, except one that has got the number of an abandoned one that the caller
+/// itself collected.
 void collectAbandoned() noexcept;
 
 /// The raw status of a child that has ended or stopped; 0 when it is no child of this process, as
