@@ -112,7 +112,7 @@ typedef struct Buffers {
 } Buffers;
 
 static int reserve(char** block, size_t* size, size_t wanted) {
-  if (wanted <= *size) return 0;
+  if (*block != NULL && wanted <= *size) return 0;
   free(*block);
   *block = malloc(wanted);
   *size = *block == NULL ? 0 : wanted;

@@ -88,13 +88,13 @@ UniqueFd DirectoryStack::openByNames() const {
   size_t level = levels_.size() - 1;
   while (level > 0 && !levels_[level - 1].fd) --level;
   int parent = level == 0 ? bottom_fd_ : levels_[level - 1].fd.get();
-  UniqueFd fd;
+  UniqueFd opened;
   for (; level < levels_.size(); ++level) {
-    fd = openBelow(parent, std::string(name(level)).c_str());
-    parent = fd.get();
-    if (!fd) break;
+    opened = openBelow(parent, std::string(name(level)).c_str());
+    parent = opened.get();
+    if (!opened) break;
   }
-  return fd;
+  return opened;
 }
 
 }  // namespace frask
