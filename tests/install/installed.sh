@@ -111,8 +111,8 @@ versioned_library() {
 }
 
 exported_symbols() {
-  nm -D --defined-only --demangle "$prefix/lib/libfrask.so" | cut -d ' ' -f 3- | LC_ALL=C sort -u >exported
-  LC_ALL=C sort -u "$here/exported-symbols.txt" | diff -u - exported ||
+  "$here/symbols.sh" "$prefix/lib/libfrask.so" >exported
+  grep -v '^#' "$here/exported-symbols.txt" | LC_ALL=C sort -u | diff -u - exported ||
     fail "what is exported is not exported-symbols.txt"
 }
 
