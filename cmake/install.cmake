@@ -13,7 +13,17 @@ install(DIRECTORY src/ DESTINATION include/frask
   PATTERN "dir_stream.h" EXCLUDE
   PATTERN "CMakeLists.txt" EXCLUDE)
 
-install(DIRECTORY man/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 FILES_MATCHING PATTERN "*.3")
+# Whoever runs the tool wants its pages and those of its files, whoever builds programs the others.
+file(GLOB manual_pages CONFIGURE_DEPENDS man/*.[1-9])
+foreach(page ${manual_pages})
+  cmake_path(GET page EXTENSION LAST_ONLY section)
+  string(SUBSTRING ${section} 1 1 section)
+  set(component tembrix)
+  if(section EQUAL 3)
+    set(component dev)
+  endif()
+  install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} COMPONENT ${component})
+endforeach()
 
 configure_file(cmake/frask.pc.in frask.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/frask.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
