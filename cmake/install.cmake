@@ -22,6 +22,7 @@ install(DIRECTORY src/ DESTINATION include/frask COMPONENT libfrask-dev
   PATTERN "dir_stream.h" EXCLUDE
   PATTERN "CMakeLists.txt" EXCLUDE)
 
+# Whoever runs the tool wants its pages and those of its files, whoever builds programs the others.
 foreach(section 3 5 8)
   file(GLOB pages CONFIGURE_DEPENDS man/*.${section})
   set(component tembrix)
@@ -30,10 +31,6 @@ foreach(section 3 5 8)
   endif()
   install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} COMPONENT ${component})
 endforeach()
-
-install(FILES completion/tembrix.bash DESTINATION share/bash-completion/completions
-  RENAME tembrix COMPONENT tembrix OPTIONAL)
-install(FILES completion/_tembrix DESTINATION ${TEMBRIX_ZSH_DIR} COMPONENT tembrix OPTIONAL)
 
 install(FILES examples/site.c examples/site_report.cpp examples/CMakeLists.txt
   DESTINATION ${FRASK_EXAMPLES_DIR} COMPONENT libfrask-dev)

@@ -9,7 +9,6 @@ set(CMAKE_INSTALL_INCLUDEDIR include)
 set(CMAKE_INSTALL_MANDIR share/man)
 # The tool has its product root, "/usr/local/oxa", compiled in: a panel has the prefix "/usr/local".
 set(TEMBRIX_PRODUCT_DIR oxa)
-set(TEMBRIX_ZSH_DIR share/zsh/site-functions)
 set(FRASK_EXAMPLES_DIR share/doc/frask/examples)
 
 if(TEMBRIX_LAYOUT MATCHES "^(deb|rpm)$")  # whose prefix is "/usr"
@@ -17,7 +16,7 @@ if(TEMBRIX_LAYOUT MATCHES "^(deb|rpm)$")  # whose prefix is "/usr"
 endif()
 if(TEMBRIX_LAYOUT STREQUAL deb)
   set(CMAKE_INSTALL_LIBDIR lib/${CMAKE_LIBRARY_ARCHITECTURE})
-  set(TEMBRIX_ZSH_DIR share/zsh/vendor-completions)
+  set(TEMBRIX_ZSH_COMPLETION_DIR share/zsh/vendor-completions)
   set(FRASK_EXAMPLES_DIR share/doc/libfrask-dev/examples)
 elseif(TEMBRIX_LAYOUT STREQUAL rpm)
   if(CMAKE_SIZEOF_VOID_P EQUAL 8)

@@ -137,11 +137,34 @@ examples_cmake() {
 }
 
 manual_pages() {
+  (cd "$here/../../man" && for page in *; do echo "man${page##*.}/$page"; done) | sort >expected
+  (cd "$prefix/share/man" && find . -type f | sed 's|^\./||' | sort) >installed
+  diff -u expected installed || fail "the installed pages are not those of man/"
   for page in "$prefix"/share/man/man*/*; do
     mandoc -Tlint -W warning "$page" || fail "$page is not clean"
     groff -mandoc -Tutf8 -ww -z "$page" 2>warnings || true
-    [ ! -s warnings ] || { cat warnings >&2; fail "groff warns of $page"; }
+    LC_ALL=C.UTF-8 MANWIDTH=80 man --warnings -E UTF-8 -l -Tutf8 -Z "$page" 2>>warnings >page || true
+    [ -s page ] || fail "man does not show $page"
+    [ ! -s warnings ] || { cat warnings >&2; fail "warnings of $page"; }
   done
+}
+
+# The C programs in the pages' examples: each literal block with a main().
+manual_programs() {
+  for page in "$prefix"/share/man/man*/*; do
+    awk -v name="$(basename "$page")" '
+      /^\.Bd -literal/ { block = ""; inside = 1; next }
+      /^\.Ed/ { if (block ~ /int main\(/) printf "%s", block >(name "." ++count ".c"); inside = 0 }
+      inside { block = block $0 "\n" }' "$page"
+  done
+  for program in *.c; do
+    $CC -std=c11 $strict "$program" -o "${program%.c}" $(pkg-config --cflags --libs frask) ||
+      fail "$program does not build"
+  done
+  [ "$(LD_LIBRARY_PATH=$prefix/lib "$here/../../scripts/private-mounts" ./frask.3.1)" = /var/www/vhosts ] || fail "frask(3) misleads"
+  status=0
+  LD_LIBRARY_PATH=$prefix/lib ./tembrix.8.1 || status=$?
+  [ $status -eq 2 ] || fail "the program of tembrix(8) ends with $status without arguments"
 }
 
 $1
