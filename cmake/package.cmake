@@ -10,7 +10,7 @@ endif()
 set(TEMBRIX_REVISION ${CMAKE_MATCH_2} CACHE STRING "Revision of the packages")
 
 file(READ ${packaging}/provide_places.sh TEMBRIX_PROVIDE_PLACES)
-file(WRITE ${packages}/post ${TEMBRIX_PROVIDE_PLACES})
+file(WRITE ${packages}/post "set -e\n${TEMBRIX_PROVIDE_PLACES}")
 configure_file(${packaging}/deb/postinst.in ${packages}/postinst @ONLY
   FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 
