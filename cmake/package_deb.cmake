@@ -25,5 +25,6 @@ set(CPACK_DEBIAN_LIBFRASK-DEV_PACKAGE_NAME libfrask-dev)
 set(CPACK_DEBIAN_LIBFRASK-DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_LIBFRASK-DEV_DESCRIPTION
   "${libfrask_summary} (development)\n${libfrask_text}\n.\nThis package holds what a program is built with.")
+# "pkg-config --static" names liblzma, on which libxml2-dev does not depend.
 set(CPACK_DEBIAN_LIBFRASK-DEV_PACKAGE_DEPENDS
-  "libfrask${PROJECT_VERSION_MAJOR} (= ${deb_version}), libmariadb-dev, libidn-dev, libxml2-dev, libboost-dev, pkg-config")
+  "libfrask${PROJECT_VERSION_MAJOR} (= ${deb_version}), libmariadb-dev, libidn-dev, libxml2-dev, liblzma-dev, libboost-dev, pkg-config")
