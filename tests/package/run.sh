@@ -33,7 +33,12 @@ if [ ! -d "$cache/base" ]; then
   mv "$cache/base.new" "$cache/base"
 fi
 rm -rf --one-file-system "$root"
-cp -a "$cache/base" "$root"
+mkdir "$root"
+# In memory where there is plenty: a package manager waits for the disk at every step.
+if awk '/^MemAvailable/ { exit $2 > 4000000 ? 0 : 1 }' /proc/meminfo; then
+  mount -t tmpfs -o mode=0755 tmpfs "$root"
+fi
+cp -aT "$cache/base" "$root"
 sources >"$root/etc/apt/sources.list"
 cp /etc/resolv.conf "$root/etc/resolv.conf"
 apt-config dump | grep -E '^Acquire::https?::' >"$root/etc/apt/apt.conf.d/90host" || true
@@ -54,4 +59,5 @@ in_root apt-get -qq update
 deb_steps
 rpm_steps
 umount "$root/proc" "$root/var/cache/apt/archives"
+! mountpoint -q "$root" || umount "$root"
 rm -rf --one-file-system "$root"
