@@ -46,9 +46,9 @@ sub without_comments {
 
 # Every option of the table stands in tembrix(8), and every option that is explained there exists.
 sub options {
-  my $source = content('src/tool/options.cpp');
+  my $source = join '', map { content($_) } glob 'src/tool/option*.h src/tool/option*.cpp';
   my ($letters) = $source =~ /kShortOptions = "([^"]*)"/ or die "covers: no short options\n";
-  my ($table) = $source =~ /kLongOptions\{\{(.*?)\}\};/s or die "covers: no option table\n";
+  my ($table) = $source =~ /\bk(?:Long)?Options\{\{(.*?)\}\};/s or die "covers: no option table\n";
   my %exists = map { $_ => 1 } grep { /\w/ } split //, $letters;
   $exists{"-$1"} = 1 while $table =~ /\{"([\w-]+)"/g;
   my %told;
@@ -108,7 +108,7 @@ sub routines {
       complain "no page of section 3 names $name of $header";
     }
   }
-  for my $name (map { /^([\w]+)$/ ? $1 : () } split /\n/, content('tests/install/exported-symbols.txt')) {
+  for my $name (map { /^(\w+)(?: \[|$)/ ? $1 : () } split /\n/, content('tests/install/exported-symbols.txt')) {
     complain "no page of section 3 names the symbol $name" unless $word{$name};
   }
   complain "$_ is excepted, and nothing declares it" for sort keys %excepted;
