@@ -45,6 +45,10 @@ Words names_where(Predicate wanted) {
   return names;
 }
 
+bool selects_help(const OptionRow& row) {
+  return row.mode == Mode::kHelp;
+}
+
 bool selects_mode(const OptionRow& row) {
   return row.mode != Mode::kNone;
 }
@@ -76,7 +80,7 @@ std::string zsh_value(ValueKind kind) {
 
 /// Help leaves nothing to be said, a mode no other mode.
 std::string zsh_excludes(const OptionRow& row) {
-  if (row.mode == Mode::kHelp) return "- *";
+  if (selects_help(row)) return "- *";
   return join(selects_mode(row) ? names_where(selects_mode) : names_of(row), " ");
 }
 
@@ -119,6 +123,7 @@ std::map<std::string, std::string> replacements(const char* clients) {
   const Words modes = names_where(selects_mode);
   const Words others = names_where([](const OptionRow& row) { return !selects_mode(row); });
   return {{"@clients@", content_of(clients)},
+          {"@help|@", join(names_where(selects_help), " | ")},
           {"@modes@", join(modes, " ")},
           {"@modes|@", join(modes, " | ")},
           {"@others@", join(others, " ")},

@@ -102,6 +102,14 @@ tool_needs() {
   ! readelf -d "$tool" | grep -E 'R(UN)?PATH' || fail "the tool looks for libraries in a fixed place"
 }
 
+tool_data() {
+  for file in oxa/var/default_skeleton.tgz share/bash-completion/completions/tembrix \
+    share/zsh/site-functions/_tembrix; do
+    [ "$(stat -c %a "$prefix/$file")" = 644 ] || fail "$file is missing, or not mode 644"
+  done
+  tar -tzf "$prefix/oxa/var/default_skeleton.tgz" | grep -qx httpdocs/index.html || fail "the skeleton has no page"
+}
+
 versioned_library() {
   lib=$prefix/lib
   readelf -d "$lib/libfrask.so" | grep -q 'SONAME.*\[libfrask\.so\.9\]$' || fail "the soname is another"
