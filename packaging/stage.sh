@@ -21,7 +21,8 @@ fi
 doc=$root/usr/share/doc/$package
 install -D -m 0644 "$here/copyright" "$doc/copyright"
 gzip -9n <"$here/deb/changelog" >"$doc/changelog.Debian.gz"
-chmod 0644 "$doc/changelog.Debian.gz"
+gzip -9n <"$here/../CHANGELOG.md" >"$doc/changelog.gz"
+chmod 0644 "$doc"/*.gz
 if [ -f "$here/deb/$package.lintian-overrides" ]; then
   install -D -m 0644 "$here/deb/$package.lintian-overrides" "$root/usr/share/lintian/overrides/$package"
 fi
