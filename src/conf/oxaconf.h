@@ -19,8 +19,8 @@ extern "C" {
 
 /** One variable; both strings are the table's own. */
 typedef struct ConfEntry {
-  char* name;
-  char* value;
+  char* name;  /**< unique in the table; NULL in an unused slot */
+  char* value; /**< NULL in an unused slot */
 } ConfEntry;
 
 /**
@@ -31,8 +31,8 @@ typedef struct ConfEntry {
  */
 typedef struct ConfR {
   ConfEntry* entries; /**< capacity slots, or NULL */
-  size_t capacity;
-  size_t count;
+  size_t capacity;    /**< how many entries there is room for */
+  size_t count;       /**< how many there are */
   int sorted; /**< 1 while the entries ascend by name, as strcmp() orders; then lookups halve */
 } ConfR;
 

@@ -18,6 +18,7 @@ namespace frask {
  */
 class FRASK_API SystemError : public std::runtime_error {
  public:
+  /** @param code  the errno value */
   SystemError(const std::string& message, int code);
   SystemError(const SystemError&) = default;
   SystemError& operator=(const SystemError&) = default;
@@ -47,6 +48,7 @@ class FRASK_API ExSystemError : public SystemError {
                 "only these five codes have a class of their own");
 
  public:
+  /** The error with code N. */
   explicit ExSystemError(const std::string& message) : SystemError(message, N) {}
 };
 

@@ -32,6 +32,8 @@ class FRASK_API Handle {
     object_ = owner.release();
   }
 
+  ///@{
+  /** One owner more; the handle that is assigned to gives up what it had. */
   Handle(const Handle& other) noexcept : object_(other.object_), count_(other.count_) { ++*count_; }
 
   Handle& operator=(Handle other) noexcept {
@@ -39,16 +41,19 @@ class FRASK_API Handle {
     std::swap(count_, other.count_);
     return *this;
   }
+  ///@}
 
   ~Handle() {
     if (--*count_ == 0) destroy();  // NOLINT(clang-analyzer-cplusplus.NewDelete): it loses count
   }
 
-  /** The object, or null. */
+  ///@{
+  /** The object, or null; whether there is one. */
   T* get() const noexcept { return object_; }
   T& operator*() const noexcept { return *object_; }
   T* operator->() const noexcept { return object_; }
   explicit operator bool() const noexcept { return object_ != nullptr; }
+  ///@}
 
   /** How many handles share the object, this one included. */
   unsigned int count() const noexcept { return *count_; }

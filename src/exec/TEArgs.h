@@ -41,9 +41,11 @@ class FRASK_API TEArgs {
   class TOutOfRange;
   class TOverflow;
 
+  ///@{
   /** How the messages of TOverflow and TOutOfRange begin. Static initialisers may use both. */
   static const std::string exceed_lim;
   static const std::string wrong_index;
+  ///@}
 
   /** No strings, but room for 10. */
   TEArgs();
@@ -57,15 +59,20 @@ class FRASK_API TEArgs {
    */
   void push_back(const TEArgs& other);
 
+  ///@{
+  /** How many strings there are. */
   unsigned long size() const noexcept { return rep_->arguments.size(); }
   bool empty() const noexcept { return rep_->arguments.empty(); }
+  ///@}
 
   /** Valid until the vector is extended or destroyed. @throws TOutOfRange */
   const std::string& operator[](unsigned long index) const;
 
+  ///@{
+  /** Throw the error about this vector; `added` is how many strings were to be appended. */
   [[noreturn]] void throwTOutOfRange(unsigned long index) const;
-  /** @param added  how many strings were to be appended */
   [[noreturn]] void throwTOverflow(unsigned long added) const;
+  ///@}
 
  private:
   struct TRep {
@@ -81,11 +88,13 @@ class FRASK_API TEArgs {
 /** Misuse of an argument vector, which the error shares as it was. */
 class FRASK_API TEArgs::TEArgsError : public TSysErr {
  public:
+  /** @param message  the whole text */
   TEArgsError(const TEArgs& args, const std::string& message);
   TEArgsError(const TEArgsError&) = default;
   TEArgsError& operator=(const TEArgsError&) = default;
   ~TEArgsError() override;
 
+  /** The vector, as it was. */
   const TEArgs& args() const noexcept { return args_; }
 
  private:
@@ -95,11 +104,13 @@ class FRASK_API TEArgs::TEArgsError : public TSysErr {
 /** "Wrong index (index = I)" */
 class FRASK_API TEArgs::TOutOfRange : public TEArgsError {
  public:
+  /** @param index  the one that does not exist */
   TOutOfRange(const TEArgs& args, unsigned long index);
   TOutOfRange(const TOutOfRange&) = default;
   TOutOfRange& operator=(const TOutOfRange&) = default;
   ~TOutOfRange() override;
 
+  /** The index that was asked for. */
   unsigned long index() const noexcept { return index_; }
 
  private:
@@ -112,6 +123,7 @@ class FRASK_API TEArgs::TOutOfRange : public TEArgsError {
  */
 class FRASK_API TEArgs::TOverflow : public TEArgsError {
  public:
+  /** @param added  how many strings were to be appended */
   TOverflow(const TEArgs& args, unsigned long added);
   TOverflow(const TOverflow&) = default;
   TOverflow& operator=(const TOverflow&) = default;

@@ -28,6 +28,7 @@ class FRASK_API TFreeback {
 /** The root of these exceptions, which are no relatives of frask::SystemError. */
 class FRASK_API TError : public std::exception {
  public:
+  /** @param freeback  what the error is to own */
   explicit TError(const std::string& message,
                   const Handle<TFreeback>& freeback = Handle<TFreeback>(new TFreeback));
   TError(const TError&) = default;
@@ -56,6 +57,7 @@ class FRASK_API TSysErr : public TError {
 /** A failed system call; the message is the system's text for its error number and no more. */
 class FRASK_API TSysCallErr : public TSysErr {
  public:
+  /** @param errnum  an errno value */
   explicit TSysCallErr(int errnum);
   TSysCallErr(const TSysCallErr&) = default;
   TSysCallErr& operator=(const TSysCallErr&) = default;

@@ -38,7 +38,7 @@ extern "C" {
  * 255 after "fork_execv: dup() failed: <system error>" on its standard error. All descriptors above
  * 2 are closed in the child. The caller's own copies stay open.
  *
- * Where execv() fails, the child writes "fork_execv: execv("<path>") failed: <system error>".
+ * Where execv() fails, the child writes "fork_execv: execv(\"PATH\") failed: <system error>".
  *
  * @return the child's process id; a failing fork is fatal ("fork_execv_pipes: fork() failed")
  */

@@ -64,6 +64,7 @@ class FRASK_API TExec {
     TPrepare& operator=(const TPrepare&) = default;
     virtual ~TPrepare();
 
+    /** In the calling process; not without fork_mode. */
     virtual void bef_fork(TExec& command);
     /**
      * errno tells why.
@@ -89,23 +90,33 @@ class FRASK_API TExec {
     virtual bool exec_failed(TExec& command);
   };
 
+  ///@{
+  /** The modes under the class's name, and all of them: the default. */
   static constexpr std::bitset<3> fork_mode{1};
   static constexpr std::bitset<3> wait_mode{2};
   static constexpr std::bitset<3> path_mode{4};
   static constexpr std::bitset<3> def_mode{7};
+  ///@}
 
   /** The message of the TSysErr for a command without a program. */
   static const std::string bad_args_m;
 
+  /** A command without preparations; nothing is looked at before it is executed. */
   TExec(const TEArgs& args, std::bitset<3> mode = def_mode);
 
+  ///@{
+  /** What the command consists of. */
   const TEArgs& args() const noexcept { return args_; }
   std::bitset<3> mode() const noexcept { return mode_; }
+  ///@}
   /** Empty as long as nothing has been added. */
   const Handle<TPrepare>& preparation() const noexcept { return preparation_; }
 
+  ///@{
+  /** Replaces what is there. */
   void set_mode(std::bitset<3> mode) noexcept { mode_ = mode; }
   void set_preparation(const Handle<TPrepare>& preparation) noexcept { preparation_ = preparation; }
+  ///@}
 
   /**
    * Runs the program as the mode says: bef_fork, fork (fork_failed), then aft_fork4p and the wait
@@ -129,12 +140,18 @@ class FRASK_API TExec {
 /** Commands in the order in which they are started. */
 class FRASK_API TExecsList {
  public:
+  ///@{
+  /** Those of a standard list. */
   using iterator = std::list<TExec>::iterator;
   using const_iterator = std::list<TExec>::const_iterator;
+  ///@}
 
   TExecsList() = default;
+  /** A line of one command. */
   TExecsList(const TExec& command);
 
+  ///@{
+  /** As a standard list has them. */
   std::size_t size() const noexcept { return commands_.size(); }
   bool empty() const noexcept { return commands_.empty(); }
   iterator begin() noexcept { return commands_.begin(); }
@@ -143,6 +160,7 @@ class FRASK_API TExecsList {
   const_iterator end() const noexcept { return commands_.end(); }
   TExec& front() { return commands_.front(); }
   TExec& back() { return commands_.back(); }
+  ///@}
 
   /** Moves the commands of `other` to the end of this line. */
   void splice(TExecsList& other) noexcept { commands_.splice(commands_.end(), other.commands_); }
@@ -170,19 +188,26 @@ class FRASK_API TPipe {
   TPipe& operator=(const TPipe&) = delete;
   ~TPipe();
 
+  ///@{
   /** The descriptors, owned by the pipe; -1 before create() and once closed. */
   int read_end() const noexcept { return read_end_; }
   int write_end() const noexcept { return write_end_; }
+  ///@}
 
   /** Opens the pipe, closing what an earlier call has opened. @throws TSysCallErr */
   void create();
 
+  ///@{
+  /** Does nothing for an end that is closed. */
   void close_read_end() noexcept;
   void close_write_end() noexcept;
+  ///@}
 
+  ///@{
   /** For a child: makes the one end its standard input or output and closes the other. */
   void to_stdin() noexcept;
   void to_stdout() noexcept;
+  ///@}
 
  private:
   int read_end_ = -1;
@@ -195,9 +220,12 @@ class FRASK_API TPipe {
  */
 class FRASK_API TRedirect : public TExec::TPrepare {
  public:
+  ///@{
+  /** The two descriptors, of the child; neither is looked at before the fork. */
   TRedirect(int target, int source) noexcept : target_(target), source_(source) {}
   int target() const noexcept { return target_; }
   int source() const noexcept { return source_; }
+  ///@}
   void aft_fork4d(TExec& command) override;
 
  private:
@@ -211,6 +239,7 @@ class FRASK_API TRedirect : public TExec::TPrepare {
  */
 class FRASK_API TRedirectToFile : public TExec::TPrepare {
  public:
+  /** Opens nothing yet. */
   TRedirectToFile(int descriptor, const std::string& path, bool append);
   void aft_fork4d(TExec& command) override;
 
@@ -223,6 +252,7 @@ class FRASK_API TRedirectToFile : public TExec::TPrepare {
 /** TRedirectToFile for standard output. */
 class FRASK_API TToFile : public TExec::TPrepare {
  public:
+  /** Opens nothing yet. */
   TToFile(const std::string& path, bool append);
   void aft_fork4d(TExec& command) override;
 
@@ -234,6 +264,7 @@ class FRASK_API TToFile : public TExec::TPrepare {
 /** Lets the child read a file; where it cannot be opened, the program runs with 0 closed. */
 class FRASK_API TFromFile : public TExec::TPrepare {
  public:
+  /** Opens nothing yet. */
   explicit TFromFile(const std::string& path);
   void aft_fork4d(TExec& command) override;
 
@@ -244,9 +275,12 @@ class FRASK_API TFromFile : public TExec::TPrepare {
 /** Sends standard output into a pipe that the parent reads after execute(). */
 class FRASK_API TReadOut : public TExec::TPrepare {
  public:
+  ///@{
   /** The descriptors, owned by this object until its next use; -1 where there is none. */
   int read_end() const noexcept { return pipe_.read_end(); }
   int write_end() const noexcept { return pipe_.write_end(); }
+  ///@}
+  /** For a parent that has read enough: whoever writes on gets SIGPIPE. */
   void close_read_end() noexcept { pipe_.close_read_end(); }
 
   void bef_fork(TExec& command) override;
@@ -260,8 +294,11 @@ class FRASK_API TReadOut : public TExec::TPrepare {
 /** Sends standard output into a pipe that the next command reads. The handle is never empty. */
 class FRASK_API TWriteToPipeline : public TExec::TPrepare {
  public:
+  ///@{
+  /** The pipe, which is shared with the reader. */
   explicit TWriteToPipeline(const Handle<TPipe>& pipe) noexcept : pipe_(pipe) {}
   const TPipe& pipe() const noexcept { return *pipe_; }
+  ///@}
   void bef_fork(TExec& command) override;
   void aft_fork4d(TExec& command) override;
 
@@ -272,8 +309,11 @@ class FRASK_API TWriteToPipeline : public TExec::TPrepare {
 /** Takes standard input from the pipe that an earlier command writes. The handle is never empty. */
 class FRASK_API TReadFromPipeline : public TExec::TPrepare {
  public:
+  ///@{
+  /** The pipe, which is shared with the writer. */
   explicit TReadFromPipeline(const Handle<TPipe>& pipe) noexcept : pipe_(pipe) {}
   const TPipe& pipe() const noexcept { return *pipe_; }
+  ///@}
   /** Closes both ends: what a line does for a reader that is not started. */
   void close_pipe() noexcept;
   void aft_fork4p(TExec& command) override;
@@ -289,6 +329,7 @@ class FRASK_API TReadFromPipeline : public TExec::TPrepare {
  */
 class FRASK_API TReadFromStr : public TExec::TPrepare {
  public:
+  /** @param text  copied; NUL bytes in it are passed on */
   explicit TReadFromStr(const std::string& text);
   void aft_fork4d(TExec& command) override;
 
@@ -309,10 +350,13 @@ class FRASK_API TReadFromStr : public TExec::TPrepare {
 /** Two preparations as one: at each point the first acts, then the second; either may be absent. */
 class FRASK_API TUnionPrep : public TExec::TPrepare {
  public:
+  ///@{
+  /** The two, as they were given. */
   TUnionPrep(const Handle<TExec::TPrepare>& first, const Handle<TExec::TPrepare>& second) noexcept
       : first_(first), second_(second) {}
   const Handle<TExec::TPrepare>& first() const noexcept { return first_; }
   const Handle<TExec::TPrepare>& second() const noexcept { return second_; }
+  ///@}
 
   void bef_fork(TExec& command) override;
   /** Both are asked; the second one's answer counts, and it is true when there is no second. */
@@ -337,37 +381,48 @@ class FRASK_API TUnionPrep : public TExec::TPrepare {
  */
 FRASK_API int exec_v(const TEArgs& args, bool search_path);
 
+///@{
 /** Keep only these bits of the mode; add them; toggle them; replace the mode. */
 FRASK_API TExec operator&(TExec command, std::bitset<3> mode);
 FRASK_API TExec operator|(TExec command, std::bitset<3> mode);
 FRASK_API TExec operator^(TExec command, std::bitset<3> mode);
 FRASK_API TExec operator*(TExec command, std::bitset<3> mode);
+///@}
 
 /** Replaces the preparation. */
 FRASK_API TExec operator*(TExec command, const Handle<TExec::TPrepare>& preparation);
 
+///@{
 /** Adds a preparation, to act after those that are there; to the last command of a line, if any. */
 FRASK_API TExec& operator+=(TExec& command, const Handle<TExec::TPrepare>& preparation);
 FRASK_API TExecsList& operator+=(TExecsList& line, const Handle<TExec::TPrepare>& preparation);
+///@}
 
+///@{
 /** Adds a redirection of any descriptor; to the last command of a line. */
 FRASK_API TExec operator&(const TExec& command, const TRedirect& redirect);
 FRASK_API TExec operator&(const TExec& command, const TRedirectToFile& redirect);
 FRASK_API TExecsList operator&(const TExecsList& line, const TRedirect& redirect);
 FRASK_API TExecsList operator&(const TExecsList& line, const TRedirectToFile& redirect);
+///@}
 
+///@{
 /** Standard input: << is the text itself, < the path of a file. Of a line, the LAST command's. */
 FRASK_API TExec operator<<(const TExec& command, const std::string& text);
 FRASK_API TExec operator<(const TExec& command, const std::string& path);
 FRASK_API TExecsList operator<<(const TExecsList& line, const std::string& text);
 FRASK_API TExecsList operator<(const TExecsList& line, const std::string& path);
+///@}
 
+///@{
 /** Standard output to a file: > truncates it, >> appends. Of a line, the last command's. */
 FRASK_API TExec operator>(const TExec& command, const std::string& path);
 FRASK_API TExec operator>>(const TExec& command, const std::string& path);
 FRASK_API TExecsList operator>(const TExecsList& line, const std::string& path);
 FRASK_API TExecsList operator>>(const TExecsList& line, const std::string& path);
+///@}
 
+///@{
 /**
  * A pipe from the last command on the left to the first on the right. With an empty line on one
  * side there is none. A single command on the left of a line loses its wait_mode, so that it need
@@ -377,12 +432,15 @@ FRASK_API TExecsList operator|(const TExec& left, const TExec& right);
 FRASK_API TExecsList operator|(const TExec& left, const TExecsList& right);
 FRASK_API TExecsList operator|(const TExecsList& left, const TExec& right);
 FRASK_API TExecsList operator|(const TExecsList& left, const TExecsList& right);
+///@}
 
+///@{
 /** One after the other, without a pipe. */
 FRASK_API TExecsList operator,(const TExec&left, const TExec&right);
 FRASK_API TExecsList operator,(const TExec&left, const TExecsList&right);
 FRASK_API TExecsList operator,(const TExecsList&left, const TExec&right);
 FRASK_API TExecsList operator,(const TExecsList&left, const TExecsList&right);
+///@}
 
 /**
  * Executes the line and then reads what its last command writes to standard output, until the end
@@ -402,6 +460,7 @@ FRASK_API TExecsList operator,(const TExecsList&left, const TExecsList&right);
  */
 FRASK_API void execGetOutput(std::string* out, int* status, const TExecsList& line);
 
+///@{
 /**
  * execGetOutput(), with the status taken as a failure.
  *
@@ -411,6 +470,7 @@ FRASK_API void execGetOutput(std::string* out, int* status, const TExecsList& li
  */
 FRASK_API std::string& operator<<=(std::string& out, const TExecsList& line);
 FRASK_API std::string& operator<<=(std::string& out, const TExec& command);
+///@}
 
 }  // namespace frask::sys
 

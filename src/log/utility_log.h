@@ -21,6 +21,7 @@ enum {
   FRASK_LOG_TRACE = 0x40
 };
 
+/** @{ */
 /**
  * The entry points that all callers use. priority is syslog's, 0 (emergency) to 7 (debug), and may
  * carry a facility: such a value is above every LogLevel, so it is never written to a terminal,
@@ -29,6 +30,7 @@ enum {
 FRASK_API extern void (*frask_log)(int priority, const char* format, ...) FRASK_PRINTF(2, 3);
 FRASK_API extern void (*frask_logv)(int priority, const char* format, va_list args)
     FRASK_PRINTF(2, 0);
+/** @} */
 
 /** NULL or "console" (standard error and standard output), or "stderr"; not copied. */
 FRASK_API extern const char* LogLocation;

@@ -18,7 +18,7 @@ enum { ARCHIVE_DETECT = 0, ARCHIVE_ZIP = 2, ARCHIVE_TGZ = 4, ARCHIVE_TAR = 5 };
 
 /** One archive: the record of its type, and its path. It owns none of the strings. */
 typedef struct ArchiveDescriptor {
-  ArchiveType type;
+  ArchiveType type;            /**< never ARCHIVE_DETECT */
   const char* name;            /**< for display */
   const char* support_command; /**< succeeds when the tools are installed */
   const char* test_command;    /**< format with "%s" for the archive's path */
@@ -26,9 +26,12 @@ typedef struct ArchiveDescriptor {
   const char* file_name;       /**< the archive's path: the buffer that the caller gave */
 } ArchiveDescriptor;
 
+/** @{ */
+/** The records of the three types; their file_name is NULL. */
 FRASK_API extern const ArchiveDescriptor adc_zip;
 FRASK_API extern const ArchiveDescriptor adc_tgz;
 FRASK_API extern const ArchiveDescriptor adc_tar;
+/** @} */
 
 /**
  * Chooses an archive's type: the forced one, else what "/usr/bin/file" says of the content, else

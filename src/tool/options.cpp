@@ -8,49 +8,30 @@
 
 #include "error/asprintf_safe.h"
 #include "text/idn.h"
-#include "tool/options.private.h"
+#include "tool/option_table.private.h"
+
+using frask::tool::kOptions;
+using frask::tool::kShortOptions;
+using frask::tool::kTypeWords;
+using frask::tool::OptionRow;
+using frask::tool::TypeWord;
+using frask::tool::ValueKind;
 
 namespace {
 
-// Letters that the short string lacks ("wWcCE") have long names only; "s" in it selects nothing.
-// Deliberate: callers pass the option set of the panel's site tools, most of which means nothing
-// here. Pinned by Options.IgnoresWhatOnlyTheSiteToolsUse.
-constexpr const char* kShortOptions = "tirdshS:F:T:I:V:";
-constexpr std::array<option, 16> kLongOptions{{
-    {"test-archive", no_argument, nullptr, 't'},
-    {"install-skel", no_argument, nullptr, 'i'},
-    {"remove-skel", no_argument, nullptr, 'r'},
-    {"install-default", no_argument, nullptr, 'd'},
-    {"test-support", required_argument, nullptr, 'S'},
-    {"filename", required_argument, nullptr, 'F'},
-    {"force-type", required_argument, nullptr, 'T'},
-    {"id", required_argument, nullptr, 'I'},
-    {"vhost-name", required_argument, nullptr, 'V'},
-    {"www-root", required_argument, nullptr, 'w'},
-    {"skip-www-root", no_argument, nullptr, 'W'},
-    {"cgi-bin-path", required_argument, nullptr, 'c'},
-    {"skip-cgi-bin", no_argument, nullptr, 'C'},
-    {"skip-error-docs", no_argument, nullptr, 'E'},
-    {"help", no_argument, nullptr, 'h'},
-    {nullptr, 0, nullptr, 0},
-}};
+using LongOptions = std::array<option, kOptions.size() + 1>;
 
-struct ModeLetter {
-  int letter;
-  Mode mode;
-};
-constexpr std::array<ModeLetter, 5> kModeLetters{{{'t', Mode::kTestArchive},
-                                                  {'i', Mode::kInstallSkel},
-                                                  {'r', Mode::kRemoveSkel},
-                                                  {'d', Mode::kInstallDefault},
-                                                  {'S', Mode::kTestSupport}}};
-
-struct TypeWord {
-  std::string_view word;
-  ArchiveType type;
-};
-constexpr std::array<TypeWord, 4> kTypeWords{
-    {{"zip", ARCHIVE_ZIP}, {"tgz", ARCHIVE_TGZ}, {"tar.gz", ARCHIVE_TGZ}, {"tar", ARCHIVE_TAR}}};
+/// The table as getopt_long() takes it, with the row of zeros at its end.
+constexpr LongOptions long_options() {
+  LongOptions rows{};
+  for (size_t index = 0; index < kOptions.size(); ++index) {
+    const OptionRow& row = kOptions[index];
+    const int argument = row.value == ValueKind::kNone ? no_argument : required_argument;
+    rows[index] = option{row.name, argument, nullptr, row.letter};
+  }
+  return rows;
+}
+constexpr LongOptions kLongOptions = long_options();
 
 /// The type that `word` names, or `earlier`: a wrong second --force-type leaves the first in force.
 ArchiveType type_from_word(std::string_view word, ArchiveType earlier) {
@@ -63,8 +44,8 @@ ArchiveType type_from_word(std::string_view word, ArchiveType earlier) {
 Mode mode_from_letter(int letter, Mode earlier) {
   if (letter == 'h') return Mode::kHelp;
   if (earlier != Mode::kNone) return earlier;
-  for (const ModeLetter& known : kModeLetters)
-    if (known.letter == letter) return known.mode;
+  for (const OptionRow& row : kOptions)
+    if (row.letter == letter) return row.mode;
   return earlier;
 }
 

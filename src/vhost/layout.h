@@ -21,7 +21,7 @@ struct VhostPath {
   std::filesystem::path relativePath;  ///< below it: SITE, or SITE/subdomains/NAME
   std::filesystem::path fullPath;      ///< vhostsDir / relativePath, the host's directory
   std::string domainName;              ///< the site's name, for a sub-domain that of its site
-  bool isSubdomain = false;
+  bool isSubdomain = false;            ///< false: a site
 };
 
 /** Which directories of a host are meant. Callers pass any int: others select none. */

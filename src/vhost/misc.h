@@ -29,6 +29,7 @@ class FRASK_API BackupFileGenerator {
  public:
   static const std::string savedSuffix;  ///< ".saved_by_oxa"
 
+  /** @param file  the file that is to be backed up; it is not looked at */
   explicit BackupFileGenerator(const std::string& file);
 
   /** Whether there is a name left. */

@@ -102,6 +102,14 @@ tool_needs() {
   ! readelf -d "$tool" | grep -E 'R(UN)?PATH' || fail "the tool looks for libraries in a fixed place"
 }
 
+tool_data() {
+  for file in oxa/var/default_skeleton.tgz share/bash-completion/completions/tembrix \
+    share/zsh/site-functions/_tembrix; do
+    [ "$(stat -c %a "$prefix/$file")" = 644 ] || fail "$file is missing, or not mode 644"
+  done
+  tar -tzf "$prefix/oxa/var/default_skeleton.tgz" | grep -qx httpdocs/index.html || fail "the skeleton has no page"
+}
+
 versioned_library() {
   lib=$prefix/lib
   readelf -d "$lib/libfrask.so" | grep -q 'SONAME.*\[libfrask\.so\.9\]$' || fail "the soname is another"
@@ -111,8 +119,8 @@ versioned_library() {
 }
 
 exported_symbols() {
-  nm -D --defined-only --demangle "$prefix/lib/libfrask.so" | cut -d ' ' -f 3- | LC_ALL=C sort -u >exported
-  LC_ALL=C sort -u "$here/exported-symbols.txt" | diff -u - exported ||
+  "$here/symbols.sh" "$prefix/lib/libfrask.so" >exported
+  grep -v '^#' "$here/exported-symbols.txt" | LC_ALL=C sort -u | diff -u - exported ||
     fail "what is exported is not exported-symbols.txt"
 }
 
@@ -137,11 +145,34 @@ examples_cmake() {
 }
 
 manual_pages() {
+  (cd "$here/../../man" && for page in *; do echo "man${page##*.}/$page"; done) | sort >expected
+  (cd "$prefix/share/man" && find . -type f | sed 's|^\./||' | sort) >installed
+  diff -u expected installed || fail "the installed pages are not those of man/"
   for page in "$prefix"/share/man/man*/*; do
     mandoc -Tlint -W warning "$page" || fail "$page is not clean"
     groff -mandoc -Tutf8 -ww -z "$page" 2>warnings || true
-    [ ! -s warnings ] || { cat warnings >&2; fail "groff warns of $page"; }
+    LC_ALL=C.UTF-8 MANWIDTH=80 man --warnings -E UTF-8 -l -Tutf8 -Z "$page" 2>>warnings >page || true
+    [ -s page ] || fail "man does not show $page"
+    [ ! -s warnings ] || { cat warnings >&2; fail "warnings of $page"; }
   done
+}
+
+# The C programs in the pages' examples: each literal block with a main().
+manual_programs() {
+  for page in "$prefix"/share/man/man*/*; do
+    awk -v name="$(basename "$page")" '
+      /^\.Bd -literal/ { block = ""; inside = 1; next }
+      /^\.Ed/ { if (block ~ /int main\(/) printf "%s", block >(name "." ++count ".c"); inside = 0 }
+      inside { block = block $0 "\n" }' "$page"
+  done
+  for program in *.c; do
+    $CC -std=c11 $strict "$program" -o "${program%.c}" $(pkg-config --cflags --libs frask) ||
+      fail "$program does not build"
+  done
+  [ "$(LD_LIBRARY_PATH=$prefix/lib "$here/../../scripts/private-mounts" ./frask.3.1)" = /var/www/vhosts ] || fail "frask(3) misleads"
+  status=0
+  LD_LIBRARY_PATH=$prefix/lib ./tembrix.8.1 || status=$?
+  [ $status -eq 2 ] || fail "the program of tembrix(8) ends with $status without arguments"
 }
 
 $1
