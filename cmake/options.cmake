@@ -6,12 +6,13 @@ target_compile_options(tembrix_options INTERFACE
   -fvisibility=hidden $<$<COMPILE_LANGUAGE:CXX>:-fvisibility-inlines-hidden>)
 target_link_options(tembrix_options INTERFACE -Wl,--as-needed -Wl,-z,relro -Wl,-z,now)
 
-# Left out of UBSan: "vptr", which examines objects through a pipe and so condemns good ones in every
-# test that has used up the descriptors.
+# Line numbers are all that a report needs of debugging information; the rest takes a fifth of the
+# compiling. Left out of UBSan: "vptr", which examines objects through a pipe and so condemns good ones
+# in every test that has used up the descriptors.
 if(TEMBRIX_SANITIZE)
   target_compile_options(tembrix_options INTERFACE
     -fsanitize=address,undefined -fno-sanitize=vptr -fno-sanitize-recover=undefined
-    -fno-omit-frame-pointer)
+    -fno-omit-frame-pointer -g1)
   target_link_options(tembrix_options INTERFACE -fsanitize=address,undefined)
 endif()
 if(TEMBRIX_COVERAGE)
