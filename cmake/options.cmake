@@ -6,6 +6,19 @@ target_compile_options(tembrix_options INTERFACE
   -fvisibility=hidden $<$<COMPILE_LANGUAGE:CXX>:-fvisibility-inlines-hidden>)
 target_link_options(tembrix_options INTERFACE -Wl,--as-needed -Wl,-z,relro -Wl,-z,now)
 
+# What is installed is hardened. Checked on the built files by Install.HasHardenedPrograms.
+include(CheckPIESupported)
+check_pie_supported()
+set(release $<CONFIG:Release>)
+target_compile_definitions(tembrix_options INTERFACE $<${release}:_FORTIFY_SOURCE=3>)
+target_compile_options(tembrix_options INTERFACE
+  $<${release}:-fstack-protector-strong> $<${release}:-fstack-clash-protection>)
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
+  target_compile_options(tembrix_options INTERFACE $<${release}:-fcf-protection>)
+elseif(CMAKE_SYSTEM_PROCESSOR STREQUAL "aarch64")
+  target_compile_options(tembrix_options INTERFACE $<${release}:-mbranch-protection=standard>)
+endif()
+
 # Line numbers are all that a report needs of debugging information; the rest takes a fifth of the
 # compiling. Left out of UBSan: "vptr", which examines objects through a pipe and so condemns good ones
 # in every test that has used up the descriptors.

@@ -27,6 +27,7 @@ constexpr const char* kSettingsFile = "/etc/oxa/private/dsn.ini";
 constexpr const char* kSettingsSection = "frask";
 constexpr const char* kShadowFile = "/etc/oxa/.oxa.shadow";
 constexpr size_t kErrorSize = 4097;
+constexpr unsigned int kConnectSeconds = 10;
 
 /// The caller's buffer for the text of a failure.
 class ErrorText {
@@ -141,6 +142,8 @@ MYSQL* frask_db_connect_raw_ex(char* error, size_t size) {
     errno = ENOMEM;
     return nullptr;
   }
+  // Holds for the greeting as well: a server that is stopped still takes connections.
+  mysql_options(connection.get(), MYSQL_OPT_CONNECT_TIMEOUT, &kConnectSeconds);
   const char* socket = oxaConfGetDefaultByIndex(OXA_CONF_MYSQL_SOCKET);
   const bool connected = succeeds(connection.get(), [&] {
     return mysql_real_connect(connection.get(), text_or(settings.host, "localhost"),

@@ -22,7 +22,8 @@ extern "C" {
 #endif
 
 /**
- * Connects. Nothing is printed, but for what get_ini_conf_var() says of a settings file that cannot
+ * Connects, which takes a server that does not answer ten seconds at most; a query on the handle may
+ * take any time. Nothing is printed, but for what get_ini_conf_var() says of a settings file that cannot
  * be opened.
  *
  * @param error  receives, when the result is NULL, one of the texts below, cut to what fits; may be

@@ -8,6 +8,7 @@
 #include "conf/oxaconf.h"
 #include "log/messlog.h"
 #include "tool/command_line.h"
+#include "tool/hardening.private.h"
 #include "tool/modes.private.h"
 #include "tool/options.private.h"
 
@@ -38,5 +39,6 @@ int main(int argc, char** argv) {
   check_unprocessed_parameters(argc, optind, argv);
   static_cast<void>(autoprepend());  // without the file the compiled-in defaults hold
   become_root();
+  harden_process();
   run_mode(options);
 }
