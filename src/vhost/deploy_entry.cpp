@@ -169,8 +169,12 @@ bool EntryDeployer::createFile(const Found& original, const Target& target) {
 
 void EntryDeployer::createDirectory(mode_t mode, const Target& target, Place place) {
   if (place.dir_fd == kNowhere.dir_fd && target.remapped) {
-    if (const std::error_code error = createParents(target)) throwUncreated(target, error);
-    place = look(*target.directory, target.below).place;
+    const std::error_code error = createParents(target);
+    const Found there = look(*target.directory, target.below);
+    // A link has got among the parents: it is not passed, and nothing is the matter otherwise.
+    if (there.error == ELOOP) return reportUnexaminedTarget(target, ELOOP);
+    if (error) throwUncreated(target, error);
+    place = there.place;
   }
   if (!makeDirectory(target, place, mode)) return reportExisting(target);
   const UniqueFd made(::openat(place.dir_fd, place.name,

@@ -67,6 +67,8 @@ bool exists(const HoldingDirectory& directory, const char* path) {
   return ::fstatat(directory.fd(), directory.nameOf(path), &st, 0) == 0;
 }
 
+/// Everything that can be thrown on this way has a text. Caught by any type, the end of a cancelled
+/// thread would be taken for a failure, too.
 void backUpOrLog(const char* path, const FileContent& content, const HoldingDirectory& directory) {
   try {
     BackupFileGenerator names(path);

@@ -4,10 +4,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
 #include <sstream>
 #include <thread>
+#include <vector>
 
+#include "exec/children.private.h"
 #include "exec/commands.h"
 #include "exec/texec.h"
 #include "support/scratch.h"
@@ -125,6 +128,33 @@ TEST(TExecsListExecute, CollectsLaterWhatAThreadThatHasEndedLeft) {
   close(ends[1]);
   testexec::await_end_of_a_child();
   command({"true"}).execute();
+  EXPECT_TRUE(testexec::childless());
+}
+
+TEST(TExecsListExecute, LosesNoChildToAnotherThread) {
+  constexpr int kThreads = 2;
+  constexpr int kChildren = 300;
+  constexpr int kEntriesBetween = 64;  // that the threads may meet: no children, and soon forgotten
+  std::atomic<int> ready{0};
+  std::vector<std::thread> threads;
+  threads.reserve(kThreads);
+  for (int i = 0; i < kThreads; ++i)
+    threads.emplace_back([&ready] {
+      std::vector<pid_t> children(kChildren);
+      for (pid_t& child : children)
+        if ((child = fork()) == 0) _exit(0);
+      for (++ready; ready < kThreads;) std::this_thread::yield();
+      for (const pid_t child : children) {
+        frask::sys::abandon(child);
+        for (int entry = 0; entry < kEntriesBetween; ++entry) frask::sys::abandon(getpid());
+        frask::sys::collectAbandoned();
+      }
+    });
+  for (std::thread& thread : threads) thread.join();
+  for (int most = kThreads * kChildren; most > 0 && !testexec::childless(); --most) {
+    testexec::await_end_of_a_child();
+    frask::sys::collectAbandoned();  // that one at least, unless it is in no list any more
+  }
   EXPECT_TRUE(testexec::childless());
 }
 

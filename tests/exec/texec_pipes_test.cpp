@@ -270,6 +270,23 @@ TEST(Pipeline, IsClosedWhenItsReaderCannotOpenTheNextOne) {
   EXPECT_EQ(outcome.exit_code(), 86) << outcome;
 }
 
+TEST(Pipeline, IsClosedWhenACommandBeforeItsReaderThrows) {
+  const Outcome outcome = alone([] {
+    alarm(60);
+    TExecsList joined = (command({"yes"}) ^ TExec::wait_mode) | command({"cat"});
+    TExecsList line = (*joined.begin(), TExec(frask::sys::el), *std::next(joined.begin()));
+    try {
+      line.execute();
+      _exit(80);
+    } catch (const frask::sys::TSysErr&) {
+    }
+    siginfo_t ended = {};
+    if (waitid(P_ALL, 0, &ended, WEXITED | WNOWAIT) != 0) _exit(82);
+    _exit(ended.si_code == CLD_KILLED && ended.si_status == SIGPIPE ? 83 : 84);
+  });
+  EXPECT_EQ(outcome.exit_code(), 83) << outcome;
+}
+
 TEST(Pipeline, IsCreatedAnewOnEachExecution) {
   TExecsList line = shell("echo text") | command({"cat"});
   for (int i = 0; i < 3; ++i) EXPECT_EQ(testexec::capture(line).out, "text\n");

@@ -120,6 +120,20 @@ TEST(ConfinedDirectory, SaysWhyItsBaseCannotBeOpened) {
   EXPECT_EQ(found(none, ""), -ENOENT);
 }
 
+TEST(ConfinedDirectory, SaysWhyItCannotGoAboveItsBase) {
+  const ScratchDir scratch;
+  write_file(scratch / "beside", "");
+  std::filesystem::create_directory(scratch / "base");
+  ASSERT_EQ(chmod((scratch / "base").c_str(), 0700), 0);
+  const auto outcome = testsupport::in_child([&] {
+    ConfinedDirectory directory(scratch / "base");
+    const bool before = found(directory, "../beside") > 0;
+    testsupport::become_nobody_in("/");  // who may not search the base, which is held
+    printf("%d %lld", static_cast<int>(before), found(directory, "../beside"));
+  });
+  EXPECT_EQ(outcome, (testsupport::Outcome{"1 -13", "", 0}));
+}
+
 TEST(ConfinedDirectory, KeepsADirectoryThatItHolds) {
   const ScratchDir scratch;
   write_file(scratch / "base/file", "");

@@ -70,6 +70,13 @@ TEST_F(SetupSkeleton, IgnoresModesAndGroupsThatCannotBeSet) {
   EXPECT_EQ(deployed(), (Lines{"d 0755 0:0 conf", "f 0640 0:0 conf/file text"}));
 }
 
+TEST_F(SetupSkeleton, KeepsTheSetIdBitsOfProgramsWhereTheGroupCannotBeChanged) {
+  write_file(skeleton("conf/file"), "text", 06755);
+  EXPECT_EQ(deploy_traced({"-o", kLog, "-e", "inject=fchown:error=EPERM"}, options_),
+            (testsupport::Outcome{"", "", 0}));
+  EXPECT_EQ(deployed(), (Lines{"d 0755 0:0 conf", "f 6755 0:0 conf/file text"}));
+}
+
 TEST_F(SetupSkeleton, GoesOnAfterAnInterruptedReadOrWrite) {
   write_file(skeleton("conf/file"), "text");
   for (const char* call : {"read", "write"}) {

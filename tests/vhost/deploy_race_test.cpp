@@ -9,6 +9,7 @@
 #include <stdexcept>
 
 #include "support/stopped_child.h"
+#include "vhost/deploy_entry.private.h"
 #include "vhost/deploy_fixture.h"
 
 // Others change the skeleton and the site while a deployment is at work.
@@ -222,6 +223,29 @@ TEST_F(SetupSkeletonInARace, CreatesParentsAnewBelowTheDocumentRootOnly) {
   EXPECT_EQ(deployStoppedAt(kWayIntoNewDirectory, [] { fs::remove(host("conf/sub")); }),
             thrown("filesystem error: cannot create directory: No such file or directory [" +
                    host("conf/sub/deep") + "]"));
+}
+
+TEST_F(SetupSkeletonInARace, PassesNoLinkThatGetsAmongParentsCreatedAnew) {
+  fs::create_directories(skeleton("httpdocs/sub/deep/er"));
+  fs::create_directories(root("docs"));
+  frask::VhostPath site;
+  site.fullPath = root("example.com");
+  frask::ExtractParams params;
+  params.docrootDir = root("docs");
+  for (const Call& after_a_creation : {Call{SYS_openat, "sub", 3}, Call{SYS_openat, "deep", 2}}) {
+    SCOPED_TRACE(after_a_creation.name);
+    fs::remove_all(root("docs/sub"));
+    fs::remove_all(root("docs/sub.moved"));
+    const auto outcome = testsupport::in_child_stopped_at(
+        after_a_creation,
+        [&] { putLinkAt(root(after_a_creation.name == "sub" ? "docs/sub" : "docs/sub/deep")); },
+        [&] {
+          frask::EntryDeployer(store("7"), site, params, 4242).deploy("httpdocs/sub/deep/er");
+        });
+    EXPECT_EQ(outcome,
+              (testsupport::Outcome{"", unexaminedTarget(root("docs/sub/deep/er"), ELOOP), 0}));
+    expectOutsideUnharmed();
+  }
 }
 
 TEST_F(SetupSkeletonInARace, EndsWhereParentsCannotBeCreatedAnew) {

@@ -238,33 +238,33 @@ TEST(WidoDeleteInstance, NeverPassesALinkThatAppearsAtTheWorstMoment) {
                       {"documents/blog", "", SYS_openat, "blog", unentered + unpassed},
                       {"documents/blog", "", SYS_openat, "lib", unpassed},
                       {"documents/blog", "", SYS_newfstatat, "blog", unpassed},
-                      {"documents/blog", "", SYS_unlinkat, "blog", ""}},  // the link itself goes
-};
-for (const Row& row : rows) {
-  SCOPED_TRACE(std::string(row.replaced) + " before " + std::to_string(row.call));
-  const Host host;
-  write_file(host / "victim/lib/a", "kept");
-  const Lines victim = testsupport::exact_listing(host / "victim");
-  write_file(host / "documents/blog/lib/a", "");
-  const std::string text = description("htdocs", {"lib/a"});
-  const Outcome outcome = testsupport::in_child_stopped_at(
-      {row.call, row.name},
-      [&] {
-        std::filesystem::rename(host / row.replaced, host / "documents/blog.moved");
-        std::filesystem::create_symlink(host / "victim/" + row.like, host / row.replaced);
-      },
-      [&] {
-        frask::ExtractParams params;
-        params.docrootDir = host.documents;
-        frask::deleteInstance(host.site, params, "blog", text);
-        exit(vhosttest::kReturned);
-      });
-  std::string reports = row.reports;
-  for (size_t at = 0; (at = reports.find("HOST")) != std::string::npos;)
-    reports.replace(at, 4, host.path().string());
-  EXPECT_EQ(outcome, reported(reports));
-  EXPECT_EQ(testsupport::exact_listing(host / "victim"), victim);
-}
+                      {"documents/blog", "", SYS_unlinkat, "blog", ""}};  // the link itself goes
+
+  for (const Row& row : rows) {
+    SCOPED_TRACE(std::string(row.replaced) + " before " + std::to_string(row.call));
+    const Host host;
+    write_file(host / "victim/lib/a", "kept");
+    const Lines victim = testsupport::exact_listing(host / "victim");
+    write_file(host / "documents/blog/lib/a", "");
+    const std::string text = description("htdocs", {"lib/a"});
+    const Outcome outcome = testsupport::in_child_stopped_at(
+        {row.call, row.name},
+        [&] {
+          std::filesystem::rename(host / row.replaced, host / "documents/blog.moved");
+          std::filesystem::create_symlink(host / "victim/" + row.like, host / row.replaced);
+        },
+        [&] {
+          frask::ExtractParams params;
+          params.docrootDir = host.documents;
+          frask::deleteInstance(host.site, params, "blog", text);
+          exit(vhosttest::kReturned);
+        });
+    std::string reports = row.reports;
+    for (size_t at = 0; (at = reports.find("HOST")) != std::string::npos;)
+      reports.replace(at, 4, host.path().string());
+    EXPECT_EQ(outcome, reported(reports));
+    EXPECT_EQ(testsupport::exact_listing(host / "victim"), victim);
+  }
 }
 
 /// What a child prints that catches the exception.
