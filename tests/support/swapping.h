@@ -20,7 +20,7 @@ struct SwappedPair {
 /// What is swapped under which routine, and what must not be touched.
 struct SwapPlan {
   std::filesystem::path directory;     ///< the names of the pairs are taken from here
-  std::vector<SwappedPair> pairs;      ///< all of them exist after `rebuild`
+  std::vector<SwappedPair> pairs;      ///< one that does not exist is swapped once it does
   std::function<void()> rebuild;       ///< makes the tree anew, while nothing is swapped
   std::function<void()> routine;       ///< runs in a child, which it may end
   std::filesystem::path victim;        ///< compared whole, by exact_listing(), after each run

@@ -72,14 +72,16 @@ using SwappedSite = DeployTest;
 }  // namespace
 
 TEST_F(SwappedSite, IsDeployedIntoWithoutHarmOutside) {
-  const std::vector<std::string> tops{"httpdocs", "cgi-bin", "error_docs"};
+  const std::vector<std::string> tops{"httpdocs", "cgi-bin", "conf"};
   for (const std::string& top : tops) writeFiles(skeleton(top), "@domain_name@");
+  writeFiles(skeleton("error_docs"), "@domain_name@");
   write_file(root("outside/other"), kSecret);
   fs::create_directories(root("outside/sub"));
   SwapPlan plan = planFor(root(""),
                           {{"example.com/httpdocs/sub", "outside/sub"},
                            {"example.com/cgi-bin/sub", "outside/sub"},
-                           {"example.com/error_docs", "outside"}},
+                           {"example.com/conf", "outside"},
+                           {"example.com/error_docs/sub", "outside/sub"}},  // a new one
                           [&] {
                             fs::remove_all(root("example.com"));
                             for (const std::string& top : tops)
