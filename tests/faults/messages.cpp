@@ -100,7 +100,7 @@ Verdict verdict_of_tool(const Outcome& outcome, const std::vector<int>& results,
   const int reports = count_reports(outcome.out);
   if (reports < 0) return {"undocumented", "writes an undocumented report"};
   const bool known = std::find(results.begin(), results.end(), number) != results.end();
-  if (answered && known) return {"answer " + lines.back(), ""};
+  if (answered && known) return {"answer " + lines.back() + (reports > 0 ? ", reported" : ""), ""};
   if (code == 1 && reports > 0) return {"fatal", ""};
   if (failed_call == SYS_write && (known || code == 1)) return {"unwritten", ""};
   return {"undocumented", "ends with an undocumented result"};

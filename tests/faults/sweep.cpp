@@ -99,15 +99,28 @@ class Bench {
   const std::vector<std::vector<long>>& calls() const { return calls_; }
 
   /// Runs with the fault; false where the call was not made.
-  bool try_fault(const CallFault& fault, long number, bool again, SweepResult& result) {
+  bool try_fault(const CallFault& fault, long number, SweepResult& result) {
     road_.prepare();
     FaultedRun run;
     const Outcome outcome = run_once(road_, fault, run);
     if (!run.met) return false;
-    std::string complaint = look(run, outcome, fault, number, result);
-    if (complaint.empty() && again) complaint = look_again();
+    std::string complaint =
+        run.timed_out ? "does not end" : look(outcome, fault.error == 0, number, result);
+    if (complaint.empty()) complaint = look_again();
     if (!complaint.empty()) result.complaints.push_back(where(fault, number) + complaint);
     return true;
+  }
+
+  void run_spoilt(const std::function<void()>& spoil, const std::function<void()>& mend,
+                  SweepResult& result) {
+    road_.prepare();
+    spoil();
+    const Outcome outcome = run_clean(road_);
+    mend();
+    ++result.faults;
+    std::string complaint = look(outcome, false, -1, result);
+    if (complaint.empty()) complaint = look_again();
+    if (!complaint.empty()) result.complaints.push_back(road_.name + ": " + complaint);
   }
 
  private:
@@ -118,10 +131,7 @@ class Bench {
     return text.str();
   }
 
-  std::string look(const FaultedRun& run, const Outcome& outcome, const CallFault& fault,
-                   long number, SweepResult& result) {
-    if (run.timed_out) return "does not end";
-    const bool killed = fault.error == 0;
+  std::string look(const Outcome& outcome, bool killed, long number, SweepResult& result) {
     const Verdict verdict = killed            ? Verdict{"killed", ""}
                             : road_.is_tool() ? verdict_of_tool(outcome, road_.results, number)
                                               : verdict_of_routine(outcome, number);
@@ -143,6 +153,7 @@ class Bench {
   }
 
   std::string look_again() {
+    if (road_.state.empty()) return "";
     if (!road_.is_tool()) road_.prepare();
     const Outcome outcome = run_clean(road_);
     std::ostringstream text;
@@ -186,8 +197,7 @@ SweepResult sweep(const Road& road, const SweepOptions& options) {
         if (!chosen || !can_give(calls[call], error)) continue;
         if (!options.go_on()) return result;
         const CallFault fault{static_cast<int>(process), static_cast<int>(call) + 1, error};
-        ++(bench.try_fault(fault, calls[call], options.again, result) ? result.faults
-                                                                      : result.missed);
+        ++(bench.try_fault(fault, calls[call], result) ? result.faults : result.missed);
       }
     }
   }
@@ -205,9 +215,16 @@ SweepResult kill_sweep(const Road& road, int step) {
       for (const bool all : {false, true}) {
         if (process != 0 && !all) continue;
         const CallFault fault{static_cast<int>(process), static_cast<int>(call) + 1, 0, all};
-        ++(bench.try_fault(fault, calls[call], true, result) ? result.faults : result.missed);
+        ++(bench.try_fault(fault, calls[call], result) ? result.faults : result.missed);
       }
   }
+  return result;
+}
+
+SweepResult run_spoilt(const Road& road, const std::function<void()>& spoil,
+                       const std::function<void()>& mend) {
+  SweepResult result;
+  Bench(road).run_spoilt(spoil, mend, result);
   return result;
 }
 

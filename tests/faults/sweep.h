@@ -21,7 +21,6 @@ struct SweepOptions {
   int own_step = 1;
   int child_step = 1;
   int phase = 0;
-  bool again = true;  ///< whether a run without a fault follows each
   std::function<bool()> go_on = [] { return true; };
 };
 
@@ -36,13 +35,18 @@ struct SweepResult {
 
 /// Each call fails as the options say; what is expected of every run:
 /// it ends by itself, with one of the documented results and messages; nothing outside is touched;
-/// no descriptor is left open by a routine; what claims to have done all has; and a run without a
-/// fault behind it does what it does in a clean place.
+/// no descriptor is left open by a routine; what claims to have done all has; and where there is a
+/// state, a run without a fault behind it leaves that of a clean place.
 SweepResult sweep(const Road& road, const SweepOptions& options);
 
 /// Kills the program, or all of its processes, at every `step`-th call of it, and expects of the
 /// run behind each that its state is that of a clean one.
 SweepResult kill_sweep(const Road& road, int step);
+
+/// Runs once with something wrong that `spoil` brings about and `mend` takes away, and expects the
+/// same.
+SweepResult run_spoilt(const Road& road, const std::function<void()>& spoil,
+                       const std::function<void()>& mend);
 
 /// A line for a table.
 std::string summary(const Road& road, const SweepResult& result);

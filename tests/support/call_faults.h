@@ -34,7 +34,7 @@ struct FaultedRun {
 /// that is to fail is not made, but for close(), which frees the descriptor whatever it gives, and
 /// brk(), whose failure is a break that stays where it is, without an error number.
 FaultedRun run_with_fault(const std::vector<std::string>& arguments, const CallFault& fault,
-                          const RunOptions& options = {}, unsigned seconds = 30);
+                          const RunOptions& options = {}, unsigned seconds = 120);
 
 }  // namespace testsupport
 
