@@ -50,7 +50,11 @@ std::size_t takeSome(std::istream& in, char* buffer, std::size_t room) {
 }  // namespace
 
 FileContent readFileAndMode(const std::string& path) {
-  const UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  return readFileAndMode(AT_FDCWD, path.c_str(), path);
+}
+
+FileContent readFileAndMode(int dir_fd, const char* name, const std::string& path) {
+  const UniqueFd fd(::openat(dir_fd, name, O_RDONLY | O_CLOEXEC));
   struct stat st = {};
   if (!fd || ::fstat(fd.get(), &st) != 0) {
     const int error = errno;

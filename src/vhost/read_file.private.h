@@ -16,6 +16,9 @@ struct FileContent {
 /// readFile() by name, and the mode of the very file that was read.
 FileContent readFileAndMode(const std::string& path);
 
+/// The same of the file `name` in a directory (or AT_FDCWD); `path` is for the messages alone.
+FileContent readFileAndMode(int dir_fd, const char* name, const std::string& path);
+
 }  // namespace frask
 
 #endif

@@ -1,19 +1,17 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <stdio.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <functional>
-#include <stdexcept>
 
 #include "fs/tree.h"
 #include "support/scratch.h"
 #include "support/stopped_child.h"
+#include "support/swapping.h"
 #include "support/tree_listing.h"
 #include "tree_support.h"
 
@@ -157,72 +155,56 @@ TEST(RmTreeAux, RemovesTheLinkPutInThePlaceOfAFile) {
          [] { _exit(kReturned + rm_tree_aux("top/dir/file", 1, 0)); });
 }
 
-/// Swaps "tree/sub" and "decoy", a link to "outside", whenever it runs, and then without a pause.
-class Swapper {
- public:
-  explicit Swapper(const std::filesystem::path& directory) : pid_(fork()) {
-    if (pid_ == 0) swap_for_ever(directory);
-    stop();
-  }
-  ~Swapper() {
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-  }
-  Swapper(const Swapper&) = delete;
-  Swapper& operator=(const Swapper&) = delete;
-
-  void run() const { kill(pid_, SIGCONT); }
-  void stop() const {
-    int status = 0;
-    kill(pid_, SIGSTOP);
-    if (waitpid(pid_, &status, WUNTRACED) != pid_ || !WIFSTOPPED(status))
-      throw std::runtime_error("the swapping process does not stop");
-  }
-
- private:
-  [[noreturn]] static void swap_for_ever(const std::filesystem::path& directory) {
-    if (chdir(directory.c_str()) != 0) _exit(97);
-    while (true) renameat2(AT_FDCWD, "tree/sub", AT_FDCWD, "decoy", RENAME_EXCHANGE);
-  }
-
-  pid_t pid_;
-};
-
-/// A tree that is swapped under a walk, and what lies outside of it.
+/// Four directories of the shape of "outside", an entry of each of which is swapped for a link to
+/// its like there.
 class SwappedTree {
  public:
-  SwappedTree() {
-    write_file(scratch_ / "outside/file", "kept");
-    write_file(scratch_ / "outside/sub/file", "kept");
-    outside_ = tree_listing(scratch_ / "outside");
-  }
+  SwappedTree() { write_files("outside"); }
 
-  /// Runs `walk` on the tree again and again while a process swaps. The walk's own result does not
-  /// matter: it may well meet a link where a directory was.
   void expect_outside_unharmed_by(const std::function<void(const char*)>& walk) const {
-    constexpr int kRounds = 100;
-    const Swapper swapper(scratch_.path());
-    for (int round = 0; round < kRounds; ++round) {
-      rebuild();
-      swapper.run();
-      testsupport::in_child([&] { walk((scratch_ / "tree").c_str()); });
-      swapper.stop();
-      ASSERT_EQ(tree_listing(scratch_ / "outside"), outside_) << "round " << round;
-      ASSERT_EQ(testsupport::mode_of(scratch_ / "outside"), 0755U) << "round " << round;
-    }
+    constexpr long kSwaps = 3000;
+    constexpr long kRuns = 150;
+    testsupport::SwapPlan plan;
+    plan.directory = scratch_.path();
+    plan.victim = scratch_ / "outside";
+    for (const auto& [entry, like] : kSwapped) plan.pairs.push_back({entry, decoy(entry)});
+    plan.rebuild = [this] { rebuild(); };
+    plan.routine = [&] { walk((scratch_ / "tree").c_str()); };
+    const testsupport::SwapCounts counts = testsupport::run_under_swapping(plan, kSwaps, kRuns);
+    EXPECT_GE(counts.swaps, kSwaps);
+    EXPECT_GE(counts.runs, kRuns);
   }
 
  private:
+  struct Swapped {
+    const char* entry;
+    const char* like;
+  };
+  static constexpr Swapped kSwapped[] = {{"tree/a", "outside"},
+                                         {"tree/b/sub", "outside/sub"},
+                                         {"tree/c/file", "outside/file"},
+                                         {"tree/d/sub/sub", "outside/sub/sub"}};
+
+  static std::string decoy(std::string entry) {
+    std::replace(entry.begin(), entry.end(), '/', '-');
+    return "decoys/" + entry;
+  }
+
+  void write_files(const std::string& top) const {
+    for (const char* file : {"/file", "/sub/file", "/sub/sub/file"})
+      write_file(scratch_ / (top + file), "kept");
+  }
+
   void rebuild() const {
-    std::filesystem::remove_all(scratch_ / "decoy");
     std::filesystem::remove_all(scratch_ / "tree");
-    for (const char* name : {"tree/sub/file", "tree/sub/sub/file", "tree/other/file"})
-      write_file(scratch_ / name, "");
-    std::filesystem::create_symlink("outside", scratch_ / "decoy");
+    std::filesystem::remove_all(scratch_ / "decoys");
+    std::filesystem::create_directory(scratch_ / "decoys");
+    for (const char* top : {"tree/a", "tree/b", "tree/c", "tree/d"}) write_files(top);
+    for (const auto& [entry, like] : kSwapped)
+      std::filesystem::create_symlink(scratch_ / like, scratch_ / decoy(entry));
   }
 
   ScratchDir scratch_{testsupport::memory_directory()};
-  Lines outside_;
 };
 
 TEST(RmTreeAux, HarmsNothingOutsideUnderConstantSwapping) {
@@ -230,10 +212,22 @@ TEST(RmTreeAux, HarmsNothingOutsideUnderConstantSwapping) {
   tree.expect_outside_unharmed_by([](const char* path) { rm_tree_aux(path, 1, 0); });
 }
 
-TEST(TreeSetPerms, HarmsNothingOutsideUnderConstantSwapping) {
+TEST(ChownTree, HarmsNothingOutsideUnderConstantSwapping) {
   const SwappedTree tree;
-  tree.expect_outside_unharmed_by(
-      [](const char* path) { tree_set_perms(path, 7, 8, 0600, 0700, 1); });
+  tree.expect_outside_unharmed_by([](const char* path) { chown_tree(path, 7, 8, 1); });
+}
+
+TEST(ChmodTree, HarmsNothingOutsideUnderConstantSwapping) {
+  const SwappedTree tree;
+  tree.expect_outside_unharmed_by([](const char* path) { chmod_tree(path, 0600, 0700, 1); });
+}
+
+TEST(ChmodTree, HarmsNothingOutsideUnderConstantSwappingWhereTheCallOfItsOwnIsRefused) {
+  const SwappedTree tree;
+  tree.expect_outside_unharmed_by([](const char* path) {
+    fstest::refuse_fchmodat2(ENOSYS);
+    chmod_tree(path, 0600, 0700, 1);
+  });
 }
 
 }  // namespace

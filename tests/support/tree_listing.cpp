@@ -1,5 +1,6 @@
 #include "support/tree_listing.h"
 
+#include <stdint.h>
 #include <stdio.h>
 #include <sys/stat.h>
 
@@ -37,16 +38,37 @@ std::string describe(const fs::path& top, const fs::path& entry) {
   return line;
 }
 
-}  // namespace
-
-std::vector<std::string> tree_listing(const fs::path& top) {
+std::vector<fs::path> entries_below(const fs::path& top) {
   std::vector<fs::path> entries;
   for (const fs::directory_entry& entry : fs::recursive_directory_iterator(top))
     entries.push_back(entry.path());
   std::sort(entries.begin(), entries.end());
+  return entries;
+}
+
+std::string identity(const fs::path& entry) {
+  struct stat st = {};
+  if (lstat(entry.c_str(), &st) != 0) throw std::runtime_error("cannot examine " + entry.string());
+  char text[160];
+  snprintf(text, sizeof text, "%ju:%ju links %ju size %jd modified %jd.%09ld changed %jd.%09ld ",
+           uintmax_t{st.st_dev}, uintmax_t{st.st_ino}, uintmax_t{st.st_nlink}, intmax_t{st.st_size},
+           intmax_t{st.st_mtim.tv_sec}, st.st_mtim.tv_nsec, intmax_t{st.st_ctim.tv_sec},
+           st.st_ctim.tv_nsec);
+  return text;
+}
+
+}  // namespace
+
+std::vector<std::string> tree_listing(const fs::path& top) {
   std::vector<std::string> lines;
-  lines.reserve(entries.size());
-  for (const fs::path& entry : entries) lines.push_back(describe(top, entry));
+  for (const fs::path& entry : entries_below(top)) lines.push_back(describe(top, entry));
+  return lines;
+}
+
+std::vector<std::string> exact_listing(const fs::path& top) {
+  std::vector<std::string> lines{identity(top) + describe(top, top)};
+  for (const fs::path& entry : entries_below(top))
+    lines.push_back(identity(entry) + describe(top, entry));
   return lines;
 }
 

@@ -14,6 +14,12 @@ namespace testsupport {
 /// The mode of a link says nothing and is written "-". Links are not followed.
 std::vector<std::string> tree_listing(const std::filesystem::path& top);
 
+/// The same for `top` itself and all below it, with the inode, the number of links, the size and
+/// the times of the last changes in front: whatever was done to an entry shows, a mode that was set
+/// to what it is included, unless it was done within a tick of the clock (10 ms) after an earlier
+/// change.
+std::vector<std::string> exact_listing(const std::filesystem::path& top);
+
 }  // namespace testsupport
 
 #endif

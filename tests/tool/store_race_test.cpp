@@ -1,8 +1,6 @@
 // Other processes change a store while it is made.
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -10,12 +8,12 @@
 
 #include "support/limits.h"
 #include "support/stopped_child.h"
+#include "support/swapping.h"
 #include "support/tree_listing.h"
 #include "tool/skeleton_store.h"
 #include "tool/tool_fixture.h"
 
 namespace fs = std::filesystem;
-using testsupport::in_child;
 using testsupport::Outcome;
 using testsupport::tree_listing;
 using testsupport::write_file;
@@ -112,25 +110,40 @@ TEST_F(RemoveForbidEntries, EndsWhereTheWayBackLeadsElsewhere) {
   EXPECT_TRUE(fs::exists(at("outside/.quota")));
 }
 
-TEST_F(RemoveForbidEntries, StaysInTheTreeWhileDirectoriesAreSwappedForLinks) {
-  write_file(at("outside/sub/.quota"), "kept");
-  fs::create_directories(at("tree/section"));
-  const pid_t swapper = fork();
-  ASSERT_GE(swapper, 0);
-  if (swapper == 0) {
-    const std::string entry = at("tree/section/dir");
-    for (;;) {
-      mkdir(entry.c_str(), 0755);
-      rmdir(entry.c_str());
-      if (symlink(at("outside").c_str(), entry.c_str()) == 0) unlink(entry.c_str());
+TEST_F(RemoveForbidEntries, HarmsNothingOutsideUnderConstantSwapping) {
+  constexpr long kSwaps = 3000;
+  constexpr long kRuns = 150;
+  struct Swapped {
+    const char* entry;
+    const char* like;
+  };
+  constexpr Swapped kSwapped[] = {{"section/a", "outside"},
+                                  {"section/b/sub", "outside/sub"},
+                                  {"section/c/.quota", "outside/.quota"},
+                                  {"section/d/sub/.quota", "outside/sub/.quota"}};
+  const auto write_entries = [this](const std::string& top) {
+    for (const char* file : {"/.quota/file", "/sub/.quota/sub/file", "/sub/sub/.quota", "/file"})
+      write_file(at(top + file), "kept");
+  };
+  write_entries("outside");
+  testsupport::SwapPlan plan;
+  plan.directory = at("");
+  plan.victim = at("outside");
+  for (const auto& [entry, like] : kSwapped)
+    plan.pairs.push_back({entry, "decoy" + std::to_string(plan.pairs.size())});
+  plan.rebuild = [&] {
+    fs::remove_all(at("section"));
+    for (const char* top : {"section/a", "section/b", "section/c", "section/d"}) write_entries(top);
+    for (size_t i = 0; i < plan.pairs.size(); ++i) {
+      fs::remove_all(at(plan.pairs[i].decoy));
+      fs::create_symlink(at(kSwapped[i].like), at(plan.pairs[i].decoy));
     }
-  }
-  for (int round = 0; round < 300; ++round)
-    in_child([this] {
-      fs::current_path(at("tree"));
-      remove_forbid_entries("section");
-    });
-  kill(swapper, SIGKILL);
-  waitpid(swapper, nullptr, 0);
-  EXPECT_TRUE(fs::exists(at("outside/sub/.quota")));
+  };
+  plan.routine = [this] {
+    fs::current_path(at(""));
+    remove_forbid_entries("section");
+  };
+  const testsupport::SwapCounts counts = testsupport::run_under_swapping(plan, kSwaps, kRuns);
+  EXPECT_GE(counts.swaps, kSwaps);
+  EXPECT_GE(counts.runs, kRuns);
 }

@@ -223,25 +223,48 @@ TEST(WidoDeleteInstance, PassesNoLinkBelowTheSections) {
 }
 
 TEST(WidoDeleteInstance, NeverPassesALinkThatAppearsAtTheWorstMoment) {
-  const Host host;
-  write_file(host / "victim/a", "kept");
-  write_file(host / "documents/blog/lib/a", "");
-  const std::string text = description("htdocs", {"lib/a"});
-  const Outcome outcome = testsupport::in_child_stopped_at(
-      {SYS_openat, "lib"},
-      [&] {
-        std::filesystem::rename(host / "documents/blog/lib", host / "documents/blog/moved");
-        std::filesystem::create_symlink("../../victim", host / "documents/blog/lib");
-      },
-      [&] {
-        frask::ExtractParams params;
-        params.docrootDir = host.documents;
-        frask::deleteInstance(host.site, params, "blog", text);
-        exit(vhosttest::kReturned);
-      });
-  EXPECT_EQ(outcome, reported(failed("lstat", host / "documents/blog/lib/a", ELOOP) +
-                              failed("rmdir", host / "documents/blog/", ENOTEMPTY)));
-  EXPECT_EQ(names_in(host / "victim"), Lines{"a"});
+  struct Row {
+    const char* replaced;  ///< by a link to its like in the victim
+    const char* like;
+    long call;            ///< that the routine stands before,
+    const char* name;     ///< of that name
+    std::string reports;  ///< "HOST" stands for the host's directory
+  };
+  const std::string unentered = failed("lstat", "HOST/documents/blog/lib/a", ELOOP);
+  const std::string unemptied = failed("rmdir", "HOST/documents/blog/", ENOTEMPTY);
+  const std::string unpassed = failed("lstat", "HOST/documents/blog/", ELOOP);
+  const Row rows[] = {{"documents/blog/lib", "lib", SYS_openat, "lib", unentered + unemptied},
+                      {"documents/blog/lib", "lib", SYS_unlinkat, "a", unemptied},
+                      {"documents/blog", "", SYS_openat, "blog", unentered + unpassed},
+                      {"documents/blog", "", SYS_openat, "lib", unpassed},
+                      {"documents/blog", "", SYS_newfstatat, "blog", unpassed},
+                      {"documents/blog", "", SYS_unlinkat, "blog", ""}};  // the link itself goes
+
+  for (const Row& row : rows) {
+    SCOPED_TRACE(std::string(row.replaced) + " before " + std::to_string(row.call));
+    const Host host;
+    write_file(host / "victim/lib/a", "kept");
+    const Lines victim = testsupport::exact_listing(host / "victim");
+    write_file(host / "documents/blog/lib/a", "");
+    const std::string text = description("htdocs", {"lib/a"});
+    const Outcome outcome = testsupport::in_child_stopped_at(
+        {row.call, row.name},
+        [&] {
+          std::filesystem::rename(host / row.replaced, host / "documents/blog.moved");
+          std::filesystem::create_symlink(host / "victim/" + row.like, host / row.replaced);
+        },
+        [&] {
+          frask::ExtractParams params;
+          params.docrootDir = host.documents;
+          frask::deleteInstance(host.site, params, "blog", text);
+          exit(vhosttest::kReturned);
+        });
+    std::string reports = row.reports;
+    for (size_t at = 0; (at = reports.find("HOST")) != std::string::npos;)
+      reports.replace(at, 4, host.path().string());
+    EXPECT_EQ(outcome, reported(reports));
+    EXPECT_EQ(testsupport::exact_listing(host / "victim"), victim);
+  }
 }
 
 /// What a child prints that catches the exception.

@@ -242,7 +242,8 @@ TEST(BackUp, LogsThatNoNameIsFree) {
     return in_child([&, number] {
       frask::BackupFileGenerator names(dir / "f");
       vhosttest::jump_to(names, number);
-      frask::backUp((dir / "f").c_str(), {"new", S_IFREG | 0644}, names);
+      frask::backUp((dir / "f").c_str(), {"new", S_IFREG | 0644}, names,
+                    frask::HoldingDirectory((dir / "f").c_str()));
     });
   };
   const std::string text = "Free filename for backup file '" + (dir / "f") + "' not found";

@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,6 +12,7 @@
 
 #include "support/child.h"
 #include "support/scratch.h"
+#include "support/stopped_child.h"
 #include "support/tree_listing.h"
 #include "vhost/entry_points.h"
 
@@ -272,6 +274,44 @@ TEST(CopyIfNoDontedit, GivesProcessesAtTheSameTimeDistinctNames) {
     EXPECT_EQ(entry.file_size(), content.size()) << entry.path();
   }
   EXPECT_EQ(names, expected);
+}
+
+TEST(CopyIfNoDontedit, StaysInTheDirectoryThatItFound) {
+  for (const testsupport::Call& before :
+       {testsupport::Call{SYS_openat, "f"}, testsupport::Call{SYS_newfstatat, "f"},
+        testsupport::Call{SYS_openat, "f.saved_by_oxa"}}) {
+    SCOPED_TRACE(std::to_string(before.number) + " of " + before.name);
+    const ScratchDir dir;
+    write_file(dir / "conf/f", "text");
+    write_file(dir / "outside/f", "theirs");
+    const std::vector<std::string> outside = testsupport::exact_listing(dir / "outside");
+    const Outcome outcome = testsupport::in_child_stopped_at(
+        before,
+        [&] {
+          fs::rename(dir / "conf", dir / "moved");
+          fs::create_directory_symlink(dir / "outside", dir / "conf");
+        },
+        [&] { copy_if_no_dontedit((dir / "conf/f").c_str()); });
+    EXPECT_EQ(outcome, (Outcome{"", "", 0}));
+    EXPECT_EQ(testsupport::exact_listing(dir / "outside"), outside);
+    EXPECT_EQ(read_file(dir / "moved/f.saved_by_oxa"), "text");
+  }
+}
+
+TEST(CopyIfNoDontedit, FindsTheFileByAnyPathThatLeadsToIt) {
+  const ScratchDir dir;
+  testsupport::RunOptions options;
+  options.directory = dir / "a";
+  for (const std::string& path : {dir / "a/f", dir / "a//f", dir / "a/./f", std::string("./f"),
+                                  std::string("f"), std::string("../a/f"), dir / "link/f"}) {
+    SCOPED_TRACE(path);
+    fs::remove_all(dir / "a");
+    fs::remove(dir / "link");
+    write_file(dir / "a/f", "text");
+    fs::create_directory_symlink("a", dir / "link");
+    EXPECT_EQ(in_child([&] { copy_if_no_dontedit(path.c_str()); }, options), (Outcome{"", "", 0}));
+    EXPECT_EQ(read_file(dir / "a/f.saved_by_oxa"), "text");
+  }
 }
 
 std::vector<std::string> lines_with(const std::string& text, const std::string& part) {
