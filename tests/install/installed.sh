@@ -110,6 +110,13 @@ tool_data() {
   tar -tzf "$prefix/oxa/var/default_skeleton.tgz" | grep -qx httpdocs/index.html || fail "the skeleton has no page"
 }
 
+# Below the prefix "/usr/local" this is the product root that the panel's programs have compiled in.
+product_root() {
+  [ "$(readlink -f "$prefix/oxa/admin/sbin/tembrix")" = "$(readlink -f "$prefix/sbin/tembrix")" ] ||
+    fail "the panel does not find the tool"
+  gzip -t "$prefix/oxa/var/default_skeleton.tgz" || fail "there is no default skeleton"
+}
+
 versioned_library() {
   lib=$prefix/lib
   readelf -d "$lib/libfrask.so" | grep -q 'SONAME.*\[libfrask\.so\.9\]$' || fail "the soname is another"
