@@ -125,6 +125,37 @@ versioned_library() {
   ! readelf -d "$lib/libfrask.so" | grep -E 'R(UN)?PATH' || fail "the library has a fixed path"
 }
 
+# What cmake/options.cmake asks of the compiler and the linker, seen in what they made.
+hardened() {
+  for file in "$prefix/sbin/tembrix" "$prefix/lib/libfrask.so"; do
+    readelf -hlW "$file" >layout
+    readelf -dW "$file" >dynamic
+    readelf -sW "$file" >symbols
+    grep -q 'Type: *DYN' layout || fail "$file is not position independent"
+    grep -q GNU_RELRO layout || fail "$file has no part that becomes read-only"
+    grep -Eq 'FLAGS_1.* NOW' dynamic || fail "$file binds its symbols late"
+    grep -E 'GNU_STACK.* RW ' layout | grep -qv RWE || fail "$file has a stack that can be run"
+    ! grep -q TEXTREL dynamic || fail "$file has text that is written to"
+    grep -q __stack_chk_fail symbols || fail "$file has no guard on its stack"
+    grep -q '_chk@' symbols || fail "$file does not check its buffers"
+  done
+  readelf -dW "$prefix/sbin/tembrix" | grep -Eq 'FLAGS_1.* PIE' ||
+    fail "the tool is not a position independent program"
+  if [ "$(uname -m)" = x86_64 ]; then hardened_x86_64; fi
+}
+
+# A program as a whole bears the mark of guarded branches only where the C library's start-up objects
+# bear it, and Debian 12's do not: the library's own objects are looked at.
+hardened_x86_64() {
+  readelf -nW "$prefix/lib/libfrask.a" >notes
+  objects=$(grep -c '^File:' notes)
+  [ "$objects" -gt 50 ] || fail "there are $objects objects in the library"
+  [ "$(grep -c 'x86 feature: IBT, SHSTK' notes)" -eq "$objects" ] || fail "an object has unguarded branches"
+  # A frame of more than a page is touched page by page.
+  objdump -d --no-show-raw-insn "$prefix/sbin/tembrix" | grep -Eq 'or[bwlq]? +\$0x0,.*\(%[re]sp' ||
+    fail "the tool has stack frames that may jump over a guard page"
+}
+
 exported_symbols() {
   "$here/symbols.sh" "$prefix/lib/libfrask.so" >exported
   grep -v '^#' "$here/exported-symbols.txt" | LC_ALL=C sort -u | diff -u - exported ||
