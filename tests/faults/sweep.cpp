@@ -48,6 +48,12 @@ bool can_give(long number, int error) {
   return number != SYS_brk || error == ENOMEM;
 }
 
+/// How often the call at `index` has been made up to there.
+int occurrence(const std::vector<long>& calls, size_t index) {
+  const auto end = calls.begin() + static_cast<std::ptrdiff_t>(index) + 1;
+  return static_cast<int>(std::count(calls.begin(), end, calls[index]));
+}
+
 Outcome run_once(const Road& road, const CallFault& fault, FaultedRun& run) {
   testsupport::RunOptions options;
   options.input = road.input;
@@ -99,15 +105,15 @@ class Bench {
   const std::vector<std::vector<long>>& calls() const { return calls_; }
 
   /// Runs with the fault; false where the call was not made.
-  bool try_fault(const CallFault& fault, long number, SweepResult& result) {
+  bool try_fault(const CallFault& fault, SweepResult& result) {
     road_.prepare();
     FaultedRun run;
     const Outcome outcome = run_once(road_, fault, run);
     if (!run.met) return false;
     std::string complaint =
-        run.timed_out ? "does not end" : look(outcome, fault.error == 0, number, result);
+        run.timed_out ? "does not end" : look(outcome, fault.error == 0, fault.number, result);
     if (complaint.empty()) complaint = look_again();
-    if (!complaint.empty()) result.complaints.push_back(where(fault, number) + complaint);
+    if (!complaint.empty()) result.complaints.push_back(where(fault) + complaint);
     return true;
   }
 
@@ -124,10 +130,11 @@ class Bench {
   }
 
  private:
-  std::string where(const CallFault& fault, long number) const {
+  std::string where(const CallFault& fault) const {
     std::ostringstream text;
-    text << road_.name << ": process " << fault.process << ", call " << fault.call << " (number "
-         << number << "), " << (fault.error == 0 ? "killed" : strerrorname_np(fault.error)) << ": ";
+    text << road_.name << ": process " << fault.process << ", system call " << fault.number
+         << ", occurrence " << fault.occurrence << ", "
+         << (fault.error == 0 ? "killed" : strerrorname_np(fault.error)) << ": ";
     return text.str();
   }
 
@@ -196,8 +203,9 @@ SweepResult sweep(const Road& road, const SweepOptions& options) {
                                          : (others++ + options.phase) % options.child_step == 0;
         if (!chosen || !can_give(calls[call], error)) continue;
         if (!options.go_on()) return result;
-        const CallFault fault{static_cast<int>(process), static_cast<int>(call) + 1, error};
-        ++(bench.try_fault(fault, calls[call], result) ? result.faults : result.missed);
+        const CallFault fault{static_cast<int>(process), calls[call], occurrence(calls, call),
+                              error};
+        ++(bench.try_fault(fault, result) ? result.faults : result.missed);
       }
     }
   }
@@ -214,8 +222,9 @@ SweepResult kill_sweep(const Road& road, int step) {
     for (size_t call = 0; call < calls.size(); call += static_cast<size_t>(step))
       for (const bool all : {false, true}) {
         if (process != 0 && !all) continue;
-        const CallFault fault{static_cast<int>(process), static_cast<int>(call) + 1, 0, all};
-        ++(bench.try_fault(fault, calls[call], result) ? result.faults : result.missed);
+        const CallFault fault{static_cast<int>(process), calls[call], occurrence(calls, call), 0,
+                              all};
+        ++(bench.try_fault(fault, result) ? result.faults : result.missed);
       }
   }
   return result;

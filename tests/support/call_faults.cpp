@@ -111,7 +111,7 @@ class Follower {
  private:
   struct Process {
     int ordinal = 0;
-    int calls = 0;
+    int occurrences = 0;  ///< of the call that is to fail
     bool counts = false;
     long failing = -1;      ///< the call that is to fail, while it is in it
     uint64_t argument = 0;  ///< of that one
@@ -194,11 +194,11 @@ class Follower {
       if (static_cast<int>(info.entry.args[0]) == kEndMark) process.ended = true;
     }
     if (!process.counts || process.ended) return;
-    ++process.calls;
     if (fault_.process < 0) {
       if (report_.seen < report_.calls.size())
         report_.calls[report_.seen++] = {process.ordinal, static_cast<int>(number)};
-    } else if (process.ordinal == fault_.process && process.calls == fault_.call) {
+    } else if (process.ordinal == fault_.process && number == fault_.number &&
+               ++process.occurrences == fault_.occurrence) {
       fail(pid, process, number, info.entry.args[0]);
     }
   }

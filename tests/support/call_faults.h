@@ -9,13 +9,14 @@
 
 namespace testsupport {
 
-/// The `call`-th system call, from 1, of the `process`-th process: 0 is the program itself, the
-/// others are its descendants in the order in which they are started. Of the program itself, calls
-/// count behind the mark that main() makes, fcntl(0, F_GETFD): those of the dynamic loader come
-/// before. They count up to fcntl(kEndMark, F_GETFD), where a program makes that call.
+/// The `occurrence`-th call, from 1, of a system call by the `process`-th process: 0 is the program
+/// itself, the others are its descendants in the order in which they are started. Of the program
+/// itself, calls count behind the mark that main() makes, fcntl(0, F_GETFD): those of the dynamic
+/// loader come before. They count up to fcntl(kEndMark, F_GETFD), where a program makes that call.
 struct CallFault {
   int process = -1;  ///< -1: nothing fails
-  int call = 0;
+  long number = -1;
+  int occurrence = 0;
   int error = 0;          ///< what the call gives; 0: SIGKILL comes instead of the call
   bool kill_all = false;  ///< SIGKILL comes to all the processes
 };
