@@ -8,7 +8,7 @@ quietly() { "$@" >"$cache/log" 2>&1 || { cat "$cache/log" >&2; fail "this failed
 # same NAME EXPECTED: standard input is what the text says.
 same() {
   cat >"$cache/got"
-  printf '%s\n' "$2" | diff -u - "$cache/got" >&2 || fail "$1"
+  { [ -z "$2" ] || printf '%s\n' "$2"; } | diff -u - "$cache/got" >&2 || fail "$1"
 }
 
 # listing: every path but those that any package manager changes, with mode and owner.
