@@ -1,4 +1,7 @@
+#include <fcntl.h>
+
 #include <string_view>
+#include <utility>
 
 #include "vhost/clean.private.h"
 #include "vhost/delete_entry.private.h"
@@ -8,20 +11,37 @@
 namespace frask {
 namespace {
 
+/// Deliberate: separators and "." behind a directory's name mean nothing, to the system neither, so
+/// that a link is not emptied for them; nor is "DIRECTORY/." an entry to remove. Pinned by
+/// CleanDocroot.LeavesAloneWhatStandsInTheirPlace and .DropsADotBehindTheDirectories.
+UniqueFd listDirectory(std::string_view dir, const std::string& name, TreeListing& listing) {
+  const std::string bare(withoutTrailingDots(dir));
+  const std::string path(withoutTrailingSeparators(dir));
+  return listing.add({AT_FDCWD, bare.c_str()}, path, name);
+}
+
+/// What cannot be reached is listed for the report alone: if it could be by now, then perhaps
+/// somewhere else.
+void listBelow(const UniqueFd& host, const std::string& vhostDir, const std::string& name,
+               TreeListing& listing) {
+  const std::string path = joinedPaths(withoutTrailingSeparators(vhostDir), name);
+  if (host)
+    listing.add({host.get(), name.c_str()}, path, name);
+  else
+    TreeListing().add(path, name);
+}
+
 /// Lists one of the content directories under its own name, wherever it lies. The document root and
 /// the CGI directory are held until their entries go: a link put in their place meanwhile would
 /// lead elsewhere.
-void listContent(const std::string& name, const std::string& vhostDir, const ExtractParams& params,
-                 TreeListing& listing, DeleteDirEntry& remove) {
-  const auto list = [&](std::string_view dir) {
-    return listing.add(std::string(withoutTrailingSeparators(dir)), name);
-  };
+void listContent(const std::string& name, const UniqueFd& host, const std::string& vhostDir,
+                 const ExtractParams& params, TreeListing& listing, DeleteDirEntry& remove) {
   if (name == "httpdocs")
-    remove.holdDocroot(list(params.docrootDir));
+    remove.holdDocroot(listDirectory(params.docrootDir, name, listing));
   else if (name == "cgi-bin" && !params.keepCgiBin)
-    remove.holdCgiBin(list(params.cgiBinDir));
+    remove.holdCgiBin(listDirectory(params.cgiBinDir, name, listing));
   else if (name != "cgi-bin" && (name != "error_docs" || !params.keepErrorDocs))
-    list(joinedPaths(withoutTrailingSeparators(vhostDir), name));
+    listBelow(host, vhostDir, name, listing);
 }
 
 }  // namespace
@@ -29,8 +49,10 @@ void listContent(const std::string& name, const std::string& vhostDir, const Ext
 void cleanDocroot(const std::string& vhostDir, const ExtractParams& params) {
   DeleteDirEntry remove(vhostDir, params);
   TreeListing listing;
+  UniqueFd host(::open(vhostDir.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   for (const std::filesystem::path& directory : vhostUsedDirs(SETUP_SKELETON_CONTENT))
-    listContent(directory.native(), vhostDir, params, listing, remove);
+    listContent(directory.native(), host, vhostDir, params, listing, remove);
+  remove.holdBase(std::move(host));
   listing.descending(
       [&remove](const std::string& entry, bool isDirectory) { remove(entry, isDirectory); });
 }

@@ -11,17 +11,39 @@ namespace frask {
 
 ConfinedDirectory::ConfinedDirectory(std::string base) : base_(std::move(base)) {}
 
+ConfinedDirectory::ConfinedDirectory(BaseDirectory base) noexcept : base_(std::move(base)) {
+  way_.reset(base_.isOpen() ? base_.fd() : -1);
+}
+
 void ConfinedDirectory::hold(UniqueFd fd) noexcept {
-  fd_ = std::move(fd);
   above_.reset();
-  way_.reset(fd_.get());
+  way_.reset(fd.get());
+  base_.hold(std::move(fd));
+}
+
+void ConfinedDirectory::enter(const char* relative, UniqueFd fd) {
+  const std::string_view path(relative);
+  if (path.empty())
+    hold(std::move(fd));
+  else
+    way_.enter(path.substr(path.rfind('/') + 1), std::move(fd));
+}
+
+void ConfinedDirectory::leaveAll() noexcept {
+  goUpTo(0);
+}
+
+bool ConfinedDirectory::locateMissingBase(Place& place) {
+  above_.reset();
+  way_.reset(-1);
+  return base_.locateWithParents(place);
 }
 
 bool ConfinedDirectory::locate(const char* relative, Place& place) {
   const std::string_view path(relative);
   const size_t end = path.find_last_not_of('/') + 1;
   if (end == 0) {
-    place = {AT_FDCWD, base_.c_str()};
+    place = {AT_FDCWD, base_.path().c_str()};
     return true;
   }
   const size_t name = path.rfind('/', end - 1) + 1;
@@ -43,13 +65,13 @@ bool ConfinedDirectory::checkDirectory(const Place& place) const noexcept {
 }
 
 bool ConfinedDirectory::open() {
-  if (above_) {
+  const bool opened = base_.isOpen();
+  const int fd = base_.fd();
+  if (above_ || !opened) {
     above_.reset();
-    way_.reset(fd_.get());
+    way_.reset(fd);
   }
-  if (fd_) return true;
-  hold(UniqueFd(::open(base_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)));
-  return static_cast<bool>(fd_);
+  return fd >= 0;
 }
 
 /// Most entries have the directory of the one before; it comes with the separator behind it.

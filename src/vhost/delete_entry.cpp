@@ -20,7 +20,8 @@ ConfinedDirectory directoryOf(std::string_view path) {
   return ConfinedDirectory(std::string(withoutTrailingSeparators(path)));
 }
 
-/// Separators behind its name do not make it another directory, though another path.
+/// Deliberate: separators behind its name do not make it another directory, though another path.
+/// Pinned by CleanDirContent.KeepsTheStandardDirectoriesOfTheHost.
 bool isStandardDirectory(std::string_view entry) {
   const std::string_view directory = withoutTrailingSeparators(entry);
   const auto& standard = vhostAllDirs();
@@ -60,6 +61,10 @@ DeleteDirEntry::DeleteDirEntry(const std::string& base, const ExtractParams& par
       root_("/"),
       keepErrorDocs_(params.keepErrorDocs),
       keepCgiBin_(params.keepCgiBin) {}
+
+void DeleteDirEntry::holdBase(UniqueFd fd) noexcept {
+  if (fd) base_.hold(std::move(fd));
+}
 
 void DeleteDirEntry::holdDocroot(UniqueFd fd) noexcept {
   if (fd) docroot_.hold(std::move(fd));

@@ -21,6 +21,7 @@ class DeleteDirEntry {
 
   /// Directories that were opened already, when their entries were listed; nothing happens to the
   /// present one where `fd` is none.
+  void holdBase(UniqueFd fd) noexcept;
   void holdDocroot(UniqueFd fd) noexcept;
   void holdCgiBin(UniqueFd fd) noexcept;
 

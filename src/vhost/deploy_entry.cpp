@@ -1,12 +1,16 @@
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <boost/format.hpp>
 #include <filesystem>
 #include <iostream>
+#include <string_view>
 #include <system_error>
+#include <utility>
 
 #include "fs/unique_fd.h"
 #include "vhost/deploy_entry.private.h"
@@ -63,55 +67,79 @@ std::error_code lastError() {
   return {errno, std::generic_category()};
 }
 
-/// Creates what is missing on the way to a target, the directory that the options give included: it
-/// was there, or was created, before what lies below it, and somebody has removed it since.
-std::error_code createParents(const Target& target) {
-  std::error_code error;
-  fs::create_directories(target.directory->base(), error);
-  *target.directory = ConfinedDirectory(target.directory->base());
+/// Creates a target with what is missing on the way to it from its base. False with errno set:
+/// EEXIST where the target itself is there by now.
+bool makeWithParents(const Target& target, mode_t mode, Place& place) {
   const std::string_view below(target.below);
-  for (size_t end = below.find('/'); !error && end != below.npos; end = below.find('/', end + 1)) {
+  for (size_t end = below.find('/'); end != below.npos; end = below.find('/', end + 1)) {
     const std::string parent(below.substr(0, end));
-    Place place = {};
-    if (!target.directory->locate(parent.c_str(), place)) return lastError();
-    if (::mkdirat(place.dir_fd, place.name, kPermissions) != 0 && errno != EEXIST)
-      return lastError();
+    if (!target.directory->locate(parent.c_str(), place)) return false;
+    if (::mkdirat(place.dir_fd, place.name, kPermissions) != 0 && errno != EEXIST) return false;
   }
-  return error;
+  return target.directory->locate(target.below, place) &&
+         ::mkdirat(place.dir_fd, place.name, mode) == 0;
 }
 
-bool isThere(const std::string& path) noexcept {
-  struct stat st = {};
-  return ::lstat(path.c_str(), &st) == 0;
+/// Creates the directory that the options give, for what is to lie below it. It was there, or was
+/// created, before that, and somebody has removed it since; or a link has its name that leads
+/// nowhere, which then stays.
+void makeBaseAnew(const Target& target) {
+  Place place = {};
+  if (!target.directory->locateMissingBase(place)) throwUncreated(target, lastError());
+  if (::mkdirat(place.dir_fd, place.name, kPermissions) == 0) return;
+  const std::error_code cause = lastError();
+  if (cause.value() != EEXIST || !target.directory->open()) throwUncreated(target, cause);
 }
 
-/// The directory that the options give, with its parents. False where something has got into its
-/// place meanwhile.
-bool makeBase(const Target& target) {
-  std::error_code error;
-  const std::string& base = target.directory->base();
-  const bool made = fs::create_directories(base, error);
-  if (error && !isThere(base)) throwUncreated(target, error);
-  return made;
+/// Creates a target. False with errno set: EEXIST where something has got into its place meanwhile,
+/// ELOOP where a link has got among its parents. What stands on the way to a base ends it all.
+///
+/// @param place  the target's, as far as it was found; receives the one where it was created
+bool makeDirectory(const Target& target, mode_t mode, Place& place) {
+  if (target.isBase() && !target.directory->locateMissingBase(place))
+    throwUncreated(target, lastError());
+  if (::mkdirat(place.dir_fd, place.name, mode) == 0) return true;
+  if (errno != ENOENT || !target.remapped || target.isBase()) return false;
+  if (makeWithParents(target, mode, place)) return true;
+  if (errno != ENOENT) return false;
+  makeBaseAnew(target);
+  return makeWithParents(target, mode, place);
 }
 
-/// False where something has got into the target's place meanwhile.
-bool makeDirectory(const Target& target, const Place& place, mode_t mode) {
-  if (target.remapped && *target.below == '\0') return makeBase(target);
-  // Its owner, who is to open it, must be able to, unless the mask forbids even that.
-  const bool made = ::mkdirat(place.dir_fd, place.name, (mode & kPermissions) | S_IRWXU) == 0;
-  if (!made && errno != EEXIST) throwUncreated(target, lastError());
-  return made;
+mode_t presentMask() noexcept {
+  const mode_t mask = ::umask(S_IRWXG | S_IRWXO);
+  ::umask(mask);
+  return mask;
+}
+
+/// Whether a directory that has just been opened holds nothing.
+bool isEmpty(int fd) noexcept {
+  alignas(dirent64) char entries[1024];
+  ssize_t got = 0;
+  while ((got = ::getdents64(fd, entries, sizeof entries)) > 0)
+    for (ssize_t at = 0; at < got;) {
+      const auto* entry = reinterpret_cast<const dirent64*>(entries + at);
+      if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) return false;
+      at += entry->d_reclen;
+    }
+  return got == 0;
+}
+
+/// Access control lists, where a directory has any for what is created in it, take the mask's place
+/// and are inherited with it.
+bool inheritsAccess(int fd) noexcept {
+  return ::fgetxattr(fd, "system.posix_acl_default", nullptr, 0) > 0;
 }
 
 }  // namespace
 
-EntryDeployer::EntryDeployer(const std::string& skeleton, const VhostPath& host,
-                             const ExtractParams& params, gid_t group)
-    : skeleton_(skeleton),
-      targets_(host, params),
-      copier_(host.domainName),
+EntryDeployer::EntryDeployer(ConfinedDirectory skeleton, ConfinedDirectory host,
+                             const ExtractParams& params, const std::string& siteName, gid_t group)
+    : skeleton_(std::move(skeleton)),
+      targets_(std::move(host), params),
+      copier_(siteName),
       owner_(::geteuid()),
+      mask_(presentMask()),
       group_(group) {}
 
 void EntryDeployer::deploy(const std::string& entry) {
@@ -168,21 +196,32 @@ bool EntryDeployer::createFile(const Found& original, const Target& target) {
 }
 
 void EntryDeployer::createDirectory(mode_t mode, const Target& target, Place place) {
-  if (place.dir_fd == kNowhere.dir_fd && target.remapped) {
-    const std::error_code error = createParents(target);
-    const Found there = look(*target.directory, target.below);
-    // A link has got among the parents: it is not passed, and nothing is the matter otherwise.
-    if (there.error == ELOOP) return reportUnexaminedTarget(target, ELOOP);
-    if (error) throwUncreated(target, error);
-    place = there.place;
+  // Its owner, who is to open it, must be able to, unless the mask forbids even that.
+  const mode_t first = (mode & kPermissions) | S_IRWXU;
+  if (!makeDirectory(target, first, place)) {
+    if (errno == EEXIST) return reportExisting(target);
+    if (errno == ELOOP) return reportUnexaminedTarget(target, ELOOP);
+    throwUncreated(target, lastError());
   }
-  if (!makeDirectory(target, place, mode)) return reportExisting(target);
-  const UniqueFd made(::openat(place.dir_fd, place.name,
-                               O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-  // Whoever may write beside it may have put a directory of their own there in between.
+  UniqueFd made(::openat(place.dir_fd, place.name,
+                         O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (!made || !isAsMade(made.get(), first)) return;
+  setModeAndGroup(made.get(), mode);
+  target.directory->enter(target.below, std::move(made));
+}
+
+/// Whoever may write beside a new directory may have put another in its place before it was opened:
+/// one of their own, or one of ours that lay there under another name. Neither is touched.
+///
+/// Deliberate: where what is created belongs to another user than the one who creates it, as on a
+/// file system from afar that does not trust root, new directories keep the mode and group that
+/// they came with. Pinned by SetupSkeletonInARace.LeavesTheModeOfAnothersDirectoryAlone.
+bool EntryDeployer::isAsMade(int fd, mode_t mode) const noexcept {
   struct stat st = {};
-  if (made && ::fstat(made.get(), &st) == 0 && st.st_uid == owner_)
-    setModeAndGroup(made.get(), mode);
+  if (::fstat(fd, &st) != 0 || st.st_uid != owner_) return false;
+  const mode_t found = st.st_mode & kPermissions;
+  const bool expected = found == (mode & ~mask_) || ((found & ~mode) == 0 && inheritsAccess(fd));
+  return expected && isEmpty(fd);
 }
 
 /// The change of the group takes set-id bits from a file, as far as it has a bit to lose: they are

@@ -15,9 +15,12 @@ namespace frask {
 /// Puts the entries of one skeleton into one site. What exists there stays as it is.
 class EntryDeployer {
  public:
-  /// @param group  of all that is created
-  EntryDeployer(const std::string& skeleton, const VhostPath& host, const ExtractParams& params,
-                gid_t group);
+  /// @param skeleton  its directory
+  /// @param host      the site's, as far as `params` tells no other
+  /// @param siteName  for the placeholders
+  /// @param group     of all that is created
+  EntryDeployer(ConfinedDirectory skeleton, ConfinedDirectory host, const ExtractParams& params,
+                const std::string& siteName, gid_t group);
 
   /// Deploys `entry`, "SECTION" or "SECTION/...", whose parent has been deployed before. What keeps
   /// it from that is reported on standard error, one line; but an original that has vanished, and a
@@ -38,12 +41,14 @@ class EntryDeployer {
   /// False when the file was not created, for another reason than that something is there.
   bool createFile(const Found& original, const Target& target);
   void createDirectory(mode_t mode, const Target& target, Place place);
+  bool isAsMade(int fd, mode_t mode) const noexcept;
   void setModeAndGroup(int fd, mode_t mode) const noexcept;
 
   ConfinedDirectory skeleton_;
   TargetFinder targets_;
   FileCopier copier_;
   uid_t owner_;  ///< of all that this process creates
+  mode_t mask_;  ///< likewise
   gid_t group_;
 };
 

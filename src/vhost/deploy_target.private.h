@@ -15,13 +15,16 @@ struct Target {
   ConfinedDirectory* directory;
   const char* below;
   bool remapped;  ///< away from the host's directory: there, missing parents are created
+
+  bool isBase() const noexcept { return *below == '\0'; }
 };
 
-/// Tells the targets of entries. Only the directory of one section is open at a time, for the
-/// entries come section by section, and a few deep trees would take all descriptors there are.
+/// Tells the targets of entries. The host's directory is the same for all its sections; the way
+/// into it is open for one section at a time, for the entries come section by section, and a few
+/// deep trees would take all descriptors there are.
 class TargetFinder {
  public:
-  TargetFinder(const VhostPath& host, const ExtractParams& params);
+  TargetFinder(ConfinedDirectory host, const ExtractParams& params);
 
   /// Finds where `entry`, "SECTION" or "SECTION/...", goes. False when it is not deployed at all.
   /// The target is good until the next call, and as long as `entry` is.
@@ -30,11 +33,11 @@ class TargetFinder {
  private:
   void enter(const std::string& section);
 
-  const std::string host_;
+  ConfinedDirectory host_;
   const ExtractParams params_;
   std::string section_;
-  bool remapped_ = false;
-  std::optional<ConfinedDirectory> directory_;  ///< none for a section that is not deployed
+  std::optional<ConfinedDirectory> elsewhere_;  ///< the directory of a remapped section
+  ConfinedDirectory* present_ = nullptr;        ///< none for a section that is not deployed
 };
 
 }  // namespace frask

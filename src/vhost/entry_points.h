@@ -17,8 +17,9 @@ extern "C" {
 #endif
 
 /**
- * Options of the routines below. A NULL text counts as "", in which nothing is found; any nonzero
- * number counts as true.
+ * Options of the routines below. A NULL text counts as "", in which nothing is found and nothing can
+ * be created: a deployment that has documents or CGI programs to put there ends with an exception.
+ * Any nonzero number counts as true.
  */
 typedef struct DocrootCleanOptions {
   const char* docrootDir; /**< the document root: stands for the host's "httpdocs" */
@@ -64,8 +65,9 @@ FRASK_API int setup_skeleton_on_subdomain(const char* domain, const char* subdom
  * Empties the document root, the CGI directory and "private" of a host; these themselves stay.
  *
  * Whatever cannot be listed or removed is reported on standard error, one line each, and stays.
- * Links are removed, never followed; a document root that is a link itself is not emptied. All is
- * listed before anything is removed: what others create meanwhile stays, with its directory.
+ * Links are removed, never followed; a document root, a CGI directory or a "private" that is a link
+ * itself is not emptied. All is listed before anything is removed: what others create meanwhile
+ * stays, with its directory.
  *
  * @return 0, whatever happened
  */
@@ -77,9 +79,10 @@ FRASK_API int clean_docroot(const char* vhostDir, const DocrootCleanOptions* opt
  *
  * The document is an INSTANCE-DATA element holding SECTION elements, whose attribute PREFIX is
  * "htdocs" or "cgi-bin", holding FILE elements, each with a path below `prefix` in that section.
- * The directory `prefix` of the document root goes as well once it is empty. Failures of single
- * entries are reported on standard error, and the work goes on. The sections themselves are never
- * removed, and no symbolic link below them is passed.
+ * The directory `prefix` of the document root goes as well once it is empty; an absolute `prefix` is
+ * that directory itself. Failures of single entries are reported on standard error, and the work
+ * goes on. No section is removed under its own name ("../private" is a path like any other), and no
+ * symbolic link below them is passed.
  *
  * A document type, a comment or a processing instruction before the element makes the document a
  * wrong one; entities that expand without bound make it malformed. Nothing that it names is opened,

@@ -60,9 +60,8 @@ class TreeLister {
   TreeLister(TreeListing& listing, const std::string& top) : listing_(listing), path_(top) {}
 
   /// @param number  receives the directory's
-  UniqueFd run(uint32_t& number) {
-    const std::string top = path_;
-    UniqueFd fd = read(AT_FDCWD, top.c_str(), number);
+  UniqueFd run(const Place& top, uint32_t& number) {
+    UniqueFd fd = read(top.dir_fd, top.name, number);
     way_.reset(fd.get());
     while (!levels_.empty()) step();
     return fd;
@@ -178,8 +177,12 @@ class TreeLister {
 };
 
 UniqueFd TreeListing::add(const std::string& dir, const std::string& name) {
+  return add({AT_FDCWD, dir.c_str()}, dir, name);
+}
+
+UniqueFd TreeListing::add(const Place& place, const std::string& dir, const std::string& name) {
   Record top(DT_UNKNOWN, name.c_str());
-  UniqueFd fd = TreeLister(*this, dir).run(top.directory);
+  UniqueFd fd = TreeLister(*this, dir).run(place, top.directory);
   if (fd) top.type = DT_DIR;
   top.appendTo(tops_);
   ++size_;

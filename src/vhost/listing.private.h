@@ -10,6 +10,7 @@
 #include <string>
 
 #include "fs/unique_fd.h"
+#include "vhost/base_directory.private.h"
 
 namespace frask {
 
@@ -29,6 +30,8 @@ class TreeListing {
   /// @return the directory, none when it was not opened: whoever works on the entries later has
   ///         it still when its path leads elsewhere by then
   UniqueFd add(const std::string& dir, const std::string& name);
+  /// The same, reached from another place than the path that the reports begin with.
+  UniqueFd add(const Place& place, const std::string& dir, const std::string& name);
 
   size_t size() const noexcept { return size_; }
 

@@ -66,6 +66,13 @@ std::string_view withoutTrailingSeparators(std::string_view path) noexcept {
   return path.substr(0, last == std::string_view::npos ? 1 : last + 1);
 }
 
+std::string_view withoutTrailingDots(std::string_view path) noexcept {
+  path = withoutTrailingSeparators(path);
+  while (path.size() > 1 && path.back() == '.' && path[path.size() - 2] == kSeparator)
+    path = withoutTrailingSeparators(path.substr(0, path.size() - 1));
+  return path;
+}
+
 std::string joinedPaths(std::string_view a, std::string_view b) {
   if (isAbsolute(b) || a.empty()) return std::string(b);
   std::string joined(a);

@@ -15,6 +15,9 @@ int comparePaths(std::string_view a, std::string_view b) noexcept;
 /// "/" stays as it is.
 std::string_view withoutTrailingSeparators(std::string_view path) noexcept;
 
+/// Nor with "." behind a separator: what stands before it is the same directory, by its bare name.
+std::string_view withoutTrailingDots(std::string_view path) noexcept;
+
 /// The text of `a / b`.
 std::string joinedPaths(std::string_view a, std::string_view b);
 

@@ -77,6 +77,19 @@ TEST(CleanDocroot, DropsSeparatorsBehindTheDirectories) {
   EXPECT_EQ(tree_listing(host.path()), expected);
 }
 
+TEST(CleanDocroot, DropsADotBehindTheDirectories) {
+  Host host;
+  for (const char* file : {"documents/documents/a", "cgi/cgi/a", "site/private/private/a"})
+    write_file(host / file, "");
+  ASSERT_TRUE(set_immutable(host / "cgi/cgi/a", true));
+  host.site += "/.";
+  host.documents += "/.";
+  host.cgi += "/./";
+  EXPECT_EQ(host.clean(), reported(failed("unlink", host / "cgi/./cgi/a", EPERM) +
+                                   failed("rmdir", host / "cgi/./cgi", ENOTEMPTY)));
+  EXPECT_EQ(tree_listing(host.path()).size(), kEmptied.size() + 2);
+}
+
 TEST(CleanDocroot, TakesRelativeDirectories) {
   const Host host;
   write_file(host / "documents/a/b", "");
@@ -137,8 +150,10 @@ TEST(CleanDocroot, LeavesAloneWhatStandsInTheirPlace) {
   std::filesystem::create_symlink("../elsewhere", host / "site/private");
   const Lines before = tree_listing(host.path());
   EXPECT_EQ(host.clean(), reported(""));
-  host.documents = host / "cgi/";
-  EXPECT_EQ(host.clean(), reported("")) << "a separator makes no directory of a link";
+  for (const char* link : {"cgi/", "cgi/.", "cgi/.//./"}) {
+    host.documents = host / link;
+    EXPECT_EQ(host.clean(), reported("")) << link << " makes no directory of a link";
+  }
   EXPECT_EQ(tree_listing(host.path()), before);
 }
 
@@ -365,6 +380,59 @@ TEST(CleanDocroot, WorksInTheDirectoriesThatItListed) {
   EXPECT_EQ(tree_listing(host / "victim"), victim);
   EXPECT_EQ(tree_listing(host / "moved-documents"), Lines{});
   EXPECT_EQ(tree_listing(host / "moved-cgi"), Lines{});
+}
+
+TEST(CleanDocroot, WorksInTheHostsDirectoryThatItOpenedFirst) {
+  const Host host;
+  write_file(host / "victim/private/file", "kept");
+  write_file(host / "site/private/file", "");
+  for (const int occurrence : {1, 2}) {  // before "private" is listed, and before it is emptied
+    SCOPED_TRACE(occurrence);
+    const auto outcome = testsupport::in_child_stopped_at(
+        {SYS_openat, "private", occurrence},
+        [&] {
+          std::filesystem::rename(host / "site", host / "moved");
+          std::filesystem::create_symlink("victim", host / "site");
+        },
+        [&] {
+          const DocrootCleanOptions options = host.options();
+          exit(vhosttest::kReturned + clean_docroot(host.site.c_str(), &options));
+        });
+    EXPECT_EQ(outcome, reported(""));
+    EXPECT_EQ(tree_listing(host / "victim"),
+              (Lines{"d 0755 0:0 private", "f 0644 0:0 private/file kept"}));
+    EXPECT_EQ(tree_listing(host / "moved"), Lines{"d 0755 0:0 private"});
+    std::filesystem::remove(host / "site");
+    std::filesystem::rename(host / "moved", host / "site");
+    write_file(host / "site/private/file", "");
+  }
+}
+
+TEST(CleanDocroot, RemovesNothingBelowAHostThatComesBack) {
+  const Host host;
+  write_file(host / "moved/private/file", "kept");
+  std::filesystem::remove_all(host.site);
+  const auto outcome = testsupport::in_child_stopped_at(
+      {SYS_openat, host / "site/private"},
+      [&] { std::filesystem::rename(host / "moved", host / "site"); },
+      [&] {
+        const DocrootCleanOptions options = host.options();
+        exit(vhosttest::kReturned + clean_docroot(host.site.c_str(), &options));
+      });
+  EXPECT_EQ(outcome, reported(""));
+  EXPECT_EQ(tree_listing(host.site), (Lines{"d 0755 0:0 private", "f 0644 0:0 private/file kept"}));
+}
+
+TEST(CleanDocroot, ReachesTheHostsDirectoryThroughLinks) {
+  Host host;
+  write_file(host / "site/private/file", "");
+  std::filesystem::create_symlink("site", host / "link");
+  for (const char* site : {"link", "link/"}) {
+    host.site = host / site;
+    write_file(host / "site/private/file", "");
+    EXPECT_EQ(host.clean(), reported(""));
+    EXPECT_EQ(tree_listing(host / "site"), Lines{"d 0755 0:0 private"});
+  }
 }
 
 TEST(CleanDocroot, StandsATreeOfFiveThousandLevelsWithFewDescriptors) {

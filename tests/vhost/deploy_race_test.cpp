@@ -5,12 +5,10 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <sstream>
 #include <stdexcept>
 
-#include "support/stopped_child.h"
 #include "vhost/deploy_entry.private.h"
-#include "vhost/deploy_fixture.h"
+#include "vhost/deploy_race_fixture.h"
 
 // Others change the skeleton and the site while a deployment is at work.
 namespace {
@@ -19,41 +17,6 @@ using testsupport::Call;
 using testsupport::tree_listing;
 using testsupport::write_file;
 namespace fs = std::filesystem;
-
-class DeployRaceTest : public DeployTest {
- protected:
-  testsupport::Outcome deployStoppedAt(const Call& call,
-                                       const std::function<void()>& meanwhile) const {
-    return testsupport::in_child_stopped_at(call, meanwhile, [&] { deployHere(); });
-  }
-
-  void SetUp() override {
-    DeployTest::SetUp();
-    write_file("/mnt/outside/kept", "kept");
-    outside_ = tree_listing("/mnt");
-  }
-
-  static void putLinkAt(const std::string& path) {
-    fs::rename(path, path + ".moved");
-    fs::create_directory_symlink("/mnt/outside", path);
-  }
-
-  /// What is seen meanwhile is seen by another process.
-  static void noteModeOf(const std::string& path) {
-    std::ostringstream mode;
-    mode << std::oct << testsupport::mode_of(path);
-    write_file("/mnt/mode", mode.str());
-  }
-  static std::string notedMode() { return testsupport::read_file("/mnt/mode"); }
-
-  void expectOutsideUnharmed() const {
-    EXPECT_EQ(tree_listing("/mnt/outside"), Lines{"f 0644 0:0 kept kept"});
-    EXPECT_EQ(testsupport::mode_of("/mnt/outside"), 0755U);
-    EXPECT_EQ(tree_listing("/mnt"), outside_);
-  }
-
-  Lines outside_;
-};
 
 using SetupSkeletonInARace = DeployRaceTest;
 
@@ -65,7 +28,7 @@ const Call kOpeningOfOriginalFile{SYS_openat, "file", 2};
 const Call kWayIntoOriginalDirectory{SYS_openat, "conf", 2};
 const Call kCreationOfDirectory{SYS_mkdirat, "sub"};
 const Call kOpeningOfNewDirectory{SYS_openat, "sub", 2};
-const Call kWayIntoNewDirectory{SYS_openat, "sub", 3};
+const Call kCreationInNewDirectory{SYS_mkdirat, "deep"};
 
 TEST_F(SetupSkeletonInARace, ReportsATargetThatAppearsBehindTheCheck) {
   const std::string file = host("conf/file");
@@ -104,7 +67,7 @@ TEST_F(SetupSkeletonInARace, ReportsATargetThatAppearsBehindTheCheck) {
 TEST_F(SetupSkeletonInARace, ReportsADocumentRootThatAppearsBehindTheCheck) {
   fs::create_directories(skeleton("httpdocs"));
   options_.docrootDir = "/var/www/vhosts/docs";
-  EXPECT_EQ(deployStoppedAt({SYS_mkdir, "", 2}, [] { fs::create_directory(root("docs")); }),
+  EXPECT_EQ(deployStoppedAt({SYS_mkdirat, "docs"}, [] { fs::create_directory(root("docs")); }),
             done(existing(root("docs"))));
   EXPECT_EQ(testsupport::mode_of(root("docs")), 0755U);
 }
@@ -118,7 +81,7 @@ TEST_F(SetupSkeletonInARace, ReportsADocumentRootThatAppearsAsAnythingElse) {
   for (const auto& appear : appearances) {
     fs::remove(root("docs"));
     fs::remove_all(root("example.com"));
-    EXPECT_EQ(deployStoppedAt({SYS_mkdir, "", 2}, appear), done(existing(root("docs"))));
+    EXPECT_EQ(deployStoppedAt({SYS_mkdirat, "docs"}, appear), done(existing(root("docs"))));
   }
   expectOutsideUnharmed();
 }
@@ -186,12 +149,50 @@ TEST_F(SetupSkeletonInARace, LeavesTheModeOfAnothersDirectoryAlone) {
             (Lines{"d 0755 0:4242 conf", "d 0700 7:8 conf/sub", "d 0755 0:0 conf/sub.moved"}));
 }
 
+// Whoever owns a directory may give what root keeps there another name.
+TEST_F(SetupSkeletonInARace, LeavesItsOwnDirectoryAloneThatGetsIntoThePlaceOfTheNewOne) {
+  struct Row {
+    const char* what;
+    mode_t mode;
+    bool empty;
+  };
+  fs::create_directories(skeleton("conf/sub"));
+  ASSERT_EQ(chmod(skeleton("conf/sub").c_str(), 0777), 0);
+  for (const Row& row : {Row{"closed", 0700, true}, {"not empty", 0755, false}}) {
+    SCOPED_TRACE(row.what);
+    fs::remove_all(root("example.com"));
+    fs::create_directories(host("conf/priv"));
+    if (!row.empty) write_file(host("conf/priv/file"), "kept");
+    ASSERT_EQ(chmod(host("conf/priv").c_str(), row.mode), 0);
+    const Lines before = tree_listing(host("conf/priv"));
+    EXPECT_EQ(deployStoppedAt(kOpeningOfNewDirectory,
+                              [] {
+                                fs::remove(host("conf/sub"));
+                                fs::rename(host("conf/priv"), host("conf/sub"));
+                              }),
+              done());
+    EXPECT_EQ(testsupport::mode_of(host("conf/sub")), row.mode);
+    EXPECT_EQ(deployed()[1].find("4242"), std::string::npos) << deployed()[1];
+    EXPECT_EQ(tree_listing(host("conf/sub")), before);
+  }
+}
+
 TEST_F(SetupSkeletonInARace, MakesNoDirectoryMoreOpenThanItWillBe) {
   fs::create_directories(skeleton("conf/sub"));
   ASSERT_EQ(chmod(skeleton("conf/sub").c_str(), 0050), 0);
   EXPECT_EQ(deployStoppedAt(kOpeningOfNewDirectory, [] { noteModeOf(host("conf/sub")); }), done());
   EXPECT_EQ(notedMode(), "750") << "it must be opened by who made it";
   EXPECT_EQ(testsupport::mode_of(host("conf/sub")), 0050U);
+}
+
+TEST_F(SetupSkeletonInARace, MakesNoFileMoreOpenThanItWillBe) {
+  for (const mode_t mode : {0600, 0640, 0004}) {
+    write_file(skeleton("conf/file"), "secret", mode);
+    fs::remove_all(root("example.com"));
+    EXPECT_EQ(deployStoppedAt(kOpeningOfOriginalFile, [] { noteModeOf(host("conf/file")); }),
+              done());
+    EXPECT_EQ(std::stoul(notedMode(), nullptr, 8), mode);
+  }
 }
 
 TEST_F(SetupSkeletonInARace, ShowsNoSetUserIdProgramAtAnyMoment) {
@@ -214,13 +215,13 @@ TEST_F(SetupSkeletonInARace, CreatesParentsAnewBelowTheDocumentRootOnly) {
   for (const char* removed : {"docs/sub", "docs"}) {
     SCOPED_TRACE(removed);
     fs::remove_all(root("docs"));
-    EXPECT_EQ(deployStoppedAt(kWayIntoNewDirectory, [&] { fs::remove_all(root(removed)); }),
+    EXPECT_EQ(deployStoppedAt(kCreationInNewDirectory, [&] { fs::remove_all(root(removed)); }),
               done());
     EXPECT_EQ(tree_listing(root("docs")),
               (Lines{"d 0755 0:0 sub", "d 0755 0:4242 sub/deep", "d 0755 0:4242 sub/deep/er"}));
   }
   fs::rename(skeleton("httpdocs"), skeleton("conf"));
-  EXPECT_EQ(deployStoppedAt(kWayIntoNewDirectory, [] { fs::remove(host("conf/sub")); }),
+  EXPECT_EQ(deployStoppedAt(kCreationInNewDirectory, [] { fs::remove(host("conf/sub")); }),
             thrown("filesystem error: cannot create directory: No such file or directory [" +
                    host("conf/sub/deep") + "]"));
 }
@@ -228,8 +229,6 @@ TEST_F(SetupSkeletonInARace, CreatesParentsAnewBelowTheDocumentRootOnly) {
 TEST_F(SetupSkeletonInARace, PassesNoLinkThatGetsAmongParentsCreatedAnew) {
   fs::create_directories(skeleton("httpdocs/sub/deep/er"));
   fs::create_directories(root("docs"));
-  frask::VhostPath site;
-  site.fullPath = root("example.com");
   frask::ExtractParams params;
   params.docrootDir = root("docs");
   for (const Call& after_a_creation : {Call{SYS_openat, "sub", 3}, Call{SYS_openat, "deep", 2}}) {
@@ -240,7 +239,9 @@ TEST_F(SetupSkeletonInARace, PassesNoLinkThatGetsAmongParentsCreatedAnew) {
         after_a_creation,
         [&] { putLinkAt(root(after_a_creation.name == "sub" ? "docs/sub" : "docs/sub/deep")); },
         [&] {
-          frask::EntryDeployer(store("7"), site, params, 4242).deploy("httpdocs/sub/deep/er");
+          frask::EntryDeployer(frask::ConfinedDirectory(store("7")),
+                               frask::ConfinedDirectory(root("example.com")), params, "", 4242)
+              .deploy("httpdocs/sub/deep/er");
         });
     EXPECT_EQ(outcome,
               (testsupport::Outcome{"", unexaminedTarget(root("docs/sub/deep/er"), ELOOP), 0}));
@@ -253,9 +254,10 @@ TEST_F(SetupSkeletonInARace, EndsWhereParentsCannotBeCreatedAnew) {
   fs::create_directories(root("docs"));
   ASSERT_EQ(mount("tmpfs", root("docs").c_str(), "tmpfs", 0, "mode=0755"), 0);
   options_.docrootDir = "/var/www/vhosts/docs";
-  const auto outcome = deployStoppedAt(kWayIntoNewDirectory, [] {
+  const auto outcome = deployStoppedAt(kCreationInNewDirectory, [] {
     fs::remove(root("docs/sub"));
-    if (mount("", root("docs").c_str(), "", MS_REMOUNT | MS_RDONLY, nullptr) != 0) _exit(97);
+    if (mount("", root("docs").c_str(), "", MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) != 0)
+      _exit(97);
   });
   EXPECT_EQ(outcome, thrown("filesystem error: cannot create directories: Read-only file system [" +
                             root("docs/sub/deep") + "]"));
@@ -263,8 +265,7 @@ TEST_F(SetupSkeletonInARace, EndsWhereParentsCannotBeCreatedAnew) {
 
 TEST_F(SetupSkeletonInARace, IgnoresAFileWhoseParentVanishes) {
   write_file(skeleton("httpdocs/sub/file"), "text");
-  EXPECT_EQ(deployStoppedAt(kWayIntoNewDirectory, [] { fs::remove(host("httpdocs/sub")); }),
-            done());
+  EXPECT_EQ(deployStoppedAt(kCreationOfFile, [] { fs::remove(host("httpdocs/sub")); }), done());
   EXPECT_EQ(deployed(), Lines{"d 0755 0:4242 httpdocs"});
 }
 

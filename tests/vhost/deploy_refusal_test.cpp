@@ -8,6 +8,7 @@
 #include "support/limits.h"
 #include "support/odd_trees.h"
 #include "vhost/deploy_fixture.h"
+#include "vhost/misc.h"
 
 // What a deployment meets and does not put up with, or does.
 namespace {
@@ -242,12 +243,58 @@ TEST_F(SetupSkeleton, ReportsADocumentRootBelowAFile) {
   EXPECT_EQ(deploy(), done(unexaminedTarget("/mnt/file/docs", ENOTDIR)));
 }
 
+TEST_F(SetupSkeleton, EndsBelowADocumentRootThatIsALinkToNowhere) {
+  write_file(skeleton("httpdocs/a"), "");
+  fs::create_directories(skeleton("httpdocs/sub"));
+  fs::create_symlink("nowhere", "/mnt/docs");
+  options_.docrootDir = "/mnt/docs";
+  EXPECT_EQ(deploy(),
+            thrown("filesystem error: cannot create directories: File exists [/mnt/docs/sub]",
+                   existing("/mnt/docs")));
+  options_.docrootDir = "/mnt/docs/new";
+  EXPECT_EQ(deploy(),
+            thrown("filesystem error: cannot create directories: File exists [/mnt/docs/new]"));
+  EXPECT_FALSE(fs::exists("/mnt/nowhere"));
+}
+
+TEST_F(SetupSkeleton, NeedsADocumentRootForItsDocuments) {
+  fs::create_directories(skeleton("conf"));
+  const std::vector<const char*> none{nullptr, ""};
+  for (const char* docroot : none) {
+    options_.docrootDir = docroot;
+    fs::remove_all(skeleton("httpdocs"));
+    EXPECT_EQ(deploy(), done());
+    fs::create_directories(skeleton("httpdocs"));
+    EXPECT_EQ(deploy(), thrown("filesystem error: cannot create directories: Invalid argument []"));
+  }
+}
+
+TEST_F(SetupSkeleton, EndsWhereTheHostCannotBeExamined) {
+  fs::create_directories(skeleton("conf"));
+  fs::create_directories(root("closed"));
+  ASSERT_EQ(chmod(root("closed").c_str(), 0700), 0);
+  fs::create_symlink("closed/host", root("example.com"));
+  EXPECT_EQ(deployAfter([] { testsupport::become_nobody_in("/"); }),
+            thrown("filesystem error: status: Permission denied [" + root("example.com") + "]"));
+}
+
 TEST_F(SetupSkeleton, EndsWhereTheHostCannotBeCreated) {
   fs::create_directories(skeleton("conf"));
   fs::create_symlink("nowhere", root("example.com"));
   const std::string text = words_of([] { fs::create_directory(root("example.com")); });
   ASSERT_NE(text, "no failure");
   EXPECT_EQ(deploy(), thrown(text));
+  for (const char* path : {"/mnt/new/host", "/mnt/new/.", "/mnt/new/./", "/mnt/file/host", ""}) {
+    SCOPED_TRACE(path);
+    write_file("/mnt/file", "");
+    frask::VhostPath site;
+    site.vhostsDir = root("");
+    site.fullPath = path;
+    const std::string theirs = words_of([&] { fs::create_directory(path); });
+    ASSERT_NE(theirs, "no failure");
+    EXPECT_EQ(words_of([&] { frask::setup_skeleton(site, frask::SETUP_SKELETON_ALL, "7", {}); }),
+              theirs);
+  }
 }
 
 TEST_F(SetupSkeleton, GoesFarDownInEverySectionWithFewDescriptors) {

@@ -1,5 +1,6 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -53,15 +54,37 @@ TEST_F(SetupSkeleton, GivesTheSkeletonsModesWhateverTheMask) {
                    "d 3777 0:4242 conf/shared"}));
 }
 
-// The group comes after the mode, and takes the set-id bits of a program away.
+/// An access control list for what is created in a directory: user 0777, group 0770, others none.
+void give_default_access(const std::string& directory) {
+  const unsigned char list[] = {2,    0,    0, 0, 1,    0,    7,    0,    0xff, 0xff,
+                                0xff, 0xff, 4, 0, 7,    0,    0xff, 0xff, 0xff, 0xff,
+                                0x20, 0,    0, 0, 0xff, 0xff, 0xff, 0xff};
+  ASSERT_EQ(setxattr(directory.c_str(), "system.posix_acl_default", list, sizeof list, 0), 0);
+}
+
+TEST_F(SetupSkeleton, GivesTheSkeletonsModesWhateverAccessIsInherited) {
+  make_directory(skeleton("conf/sub/deep"), 0777);
+  make_directory(skeleton("conf/sub"), 0705);
+  make_directory(host("conf"));
+  ASSERT_NO_FATAL_FAILURE(give_default_access(host("conf")));
+  EXPECT_EQ(deploy(), done());
+  EXPECT_EQ(deployed(),
+            (Lines{"d 0755 0:0 conf", "d 0705 0:4242 conf/sub", "d 0777 0:4242 conf/sub/deep"}));
+}
+
+// The group comes after the mode, and takes the set-id bits of a program away; set-group-ID on a
+// file that the group may not execute means something else, and stays.
 TEST_F(SetupSkeleton, LosesTheSetIdBitsOfPrograms) {
   write_file(skeleton("cgi-bin/both"), "", 06755);
   write_file(skeleton("cgi-bin/user"), "", 04711);
+  write_file(skeleton("cgi-bin/locked"), "", 02644);
+  write_file(skeleton("cgi-bin/plain"), "", 04644);
   write_file(skeleton("cgi-bin/sticky"), "", 01644);
   make_directory(skeleton("cgi-bin/dir"), 06755);
   EXPECT_EQ(deploy(), done());
   EXPECT_EQ(deployed(), (Lines{"d 0755 0:4242 cgi-bin", "f 0755 0:4242 cgi-bin/both ",
-                               "d 6755 0:4242 cgi-bin/dir", "f 1644 0:4242 cgi-bin/sticky ",
+                               "d 6755 0:4242 cgi-bin/dir", "f 2644 0:4242 cgi-bin/locked ",
+                               "f 0644 0:4242 cgi-bin/plain ", "f 1644 0:4242 cgi-bin/sticky ",
                                "f 0711 0:4242 cgi-bin/user "}));
 }
 
@@ -109,6 +132,13 @@ TEST_F(SetupSkeleton, TakesTheDefaultSkeletonForAMissingOne) {
   EXPECT_EQ(deployed(), (Lines{"d 0755 0:4242 conf", "f 0644 0:4242 conf/from default"}));
 }
 
+TEST_F(SetupSkeleton, TakesTheDefaultSkeletonForALinkThatLeadsNowhere) {
+  write_file(store("0/conf/from"), "default");
+  fs::create_symlink("nowhere", store("7"));
+  EXPECT_EQ(deploy(), done());
+  EXPECT_EQ(deployed(), (Lines{"d 0755 0:4242 conf", "f 0644 0:4242 conf/from default"}));
+}
+
 TEST_F(SetupSkeleton, TakesNoDefaultForASkeletonThatCannotBeExamined) {
   write_file(store("0/conf/from"), "default");
   write_file(store("file"), "");
@@ -136,8 +166,12 @@ TEST_F(SetupSkeleton, TakesASkeletonThatIsReachedThroughLinks) {
 
 TEST_F(SetupSkeleton, TakesASkeletonWithASeparatorAtTheEnd) {
   write_file(skeleton("conf/file"), "text");
-  EXPECT_EQ(deploy("7/"), done());
-  EXPECT_EQ(deployed(), (Lines{"d 0755 0:4242 conf", "f 0644 0:4242 conf/file text"}));
+  for (const char* id : {"7/", "7//", "7/.", "7/./"}) {
+    SCOPED_TRACE(id);
+    fs::remove_all(root("example.com"));
+    EXPECT_EQ(deploy(id), done());
+    EXPECT_EQ(deployed(), (Lines{"d 0755 0:4242 conf", "f 0644 0:4242 conf/file text"}));
+  }
 }
 
 TEST_F(SetupSkeleton, CreatesNothingWithoutTheGroup) {

@@ -19,10 +19,9 @@ using EntryDeployer = DeployTest;
 TEST_F(EntryDeployer, ReportsAnEntryThatWasListedTwice) {
   write_file(skeleton("conf/file"), "text");
   std::filesystem::create_directories(host("conf"));
-  frask::VhostPath site;
-  site.fullPath = root("example.com");
   const auto outcome = testsupport::in_child([&] {
-    frask::EntryDeployer deployer(store("7"), site, {}, 4242);
+    frask::EntryDeployer deployer(frask::ConfinedDirectory(store("7")),
+                                  frask::ConfinedDirectory(root("example.com")), {}, "", 4242);
     deployer.deploy("conf/file");
     deployer.deploy("conf/file");
   });
@@ -38,16 +37,14 @@ std::string target_of(frask::TargetFinder& targets, const std::string& entry) {
 }
 
 TEST(TargetFinder, GoesBySections) {
-  frask::VhostPath site;
-  site.fullPath = "/host";
   frask::ExtractParams params;
   params.docrootDir = "/docs";
   params.cgiBinDir = "/programs";
-  frask::TargetFinder all(site, params);
+  frask::TargetFinder all(frask::ConfinedDirectory("/host"), params);
   params.keepCgiBin = true;
   params.keepErrorDocs = true;
   params.skipHttpdocs = true;
-  frask::TargetFinder some(site, params);
+  frask::TargetFinder some(frask::ConfinedDirectory("/host"), params);
   struct Row {
     const char* entry;
     const char* with_all;

@@ -121,6 +121,22 @@ TEST(WidoDeleteInstance, NeverRemovesTheSectionsThemselves) {
   EXPECT_EQ(names_in(host.path()), (Lines{"cgi", "documents", "site", "site/private"}));
 }
 
+// ".." is what it is in any path: the names alone are protected.
+TEST(WidoDeleteInstance, RemovesAnEmptySectionThatIsReachedThroughAnother) {
+  Host host;
+  host.documents = host / "site/httpdocs";
+  std::filesystem::create_directories(host.documents);
+  const std::string text = description("htdocs", {"../httpdocs", "../private"});
+  write_file(host / "site/private/file", "kept");
+  EXPECT_EQ(host.delete_instance(".", text),
+            reported(failed("rmdir", host / "site/httpdocs/../private", ENOTEMPTY)));
+  EXPECT_EQ(names_in(host.site), (Lines{"private", "private/file"}));
+  std::filesystem::create_directories(host.documents);
+  std::filesystem::remove(host / "site/private/file");
+  EXPECT_EQ(host.delete_instance(".", text), reported(""));
+  EXPECT_EQ(names_in(host.site), Lines{});
+}
+
 TEST(WidoDeleteInstance, TakesThePrefixAsAPath) {
   struct Row {
     std::string prefix;

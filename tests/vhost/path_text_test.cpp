@@ -95,6 +95,15 @@ TEST(WithoutTrailingSeparators, LeavesTheRootAlone) {
     EXPECT_EQ(frask::withoutTrailingSeparators(given), expected) << given;
 }
 
+TEST(WithoutTrailingDots, LeavesTheBareName) {
+  const std::vector<std::pair<std::string, std::string>> rows{
+      {"", ""},           {".", "."},         {"..", ".."},      {"./", "."},  {"./.", "."},
+      {"a/.", "a"},       {"a/./", "a"},      {"a//.//./", "a"}, {"a.", "a."}, {"a/..", "a/.."},
+      {"a/../.", "a/.."}, {"a/./b", "a/./b"}, {"a/.b", "a/.b"},  {"/.", "/"},  {"/", "/"}};
+  for (const auto& [given, expected] : rows)
+    EXPECT_EQ(frask::withoutTrailingDots(given), expected) << given;
+}
+
 TEST(JoinedPaths, AppendsAsAPathDoes) {
   for (const std::string& a : texts_of({"/", "a"}, 4))
     for (const std::string& b : texts_of({"/", "b"}, 3))
