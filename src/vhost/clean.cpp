@@ -1,3 +1,4 @@
+#include <errno.h>
 #include <fcntl.h>
 
 #include <string_view>
@@ -20,21 +21,32 @@ UniqueFd listDirectory(std::string_view dir, const std::string& name, TreeListin
   return listing.add({AT_FDCWD, bare.c_str()}, path, name);
 }
 
-/// What cannot be reached is listed for the report alone: if it could be by now, then perhaps
-/// somewhere else.
-void listBelow(const UniqueFd& host, const std::string& vhostDir, const std::string& name,
+/// The host's directory, or why it could not be opened.
+struct Host {
+  UniqueFd fd;
+  int error;
+};
+
+Host openHost(const std::string& vhostDir) noexcept {
+  UniqueFd fd(::open(vhostDir.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  return {std::move(fd), errno};
+}
+
+/// What lies in a host that could not be opened is not tried again: if it could be reached by now,
+/// then perhaps somewhere else.
+void listBelow(const Host& host, const std::string& vhostDir, const std::string& name,
                TreeListing& listing) {
   const std::string path = joinedPaths(withoutTrailingSeparators(vhostDir), name);
-  if (host)
-    listing.add({host.get(), name.c_str()}, path, name);
+  if (host.fd)
+    listing.add({host.fd.get(), name.c_str()}, path, name);
   else
-    TreeListing().add(path, name);
+    reportUnreached(path, host.error);
 }
 
 /// Lists one of the content directories under its own name, wherever it lies. The document root and
 /// the CGI directory are held until their entries go: a link put in their place meanwhile would
 /// lead elsewhere.
-void listContent(const std::string& name, const UniqueFd& host, const std::string& vhostDir,
+void listContent(const std::string& name, const Host& host, const std::string& vhostDir,
                  const ExtractParams& params, TreeListing& listing, DeleteDirEntry& remove) {
   if (name == "httpdocs")
     remove.holdDocroot(listDirectory(params.docrootDir, name, listing));
@@ -49,10 +61,10 @@ void listContent(const std::string& name, const UniqueFd& host, const std::strin
 void cleanDocroot(const std::string& vhostDir, const ExtractParams& params) {
   DeleteDirEntry remove(vhostDir, params);
   TreeListing listing;
-  UniqueFd host(::open(vhostDir.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  Host host = openHost(vhostDir);
   for (const std::filesystem::path& directory : vhostUsedDirs(SETUP_SKELETON_CONTENT))
     listContent(directory.native(), host, vhostDir, params, listing, remove);
-  remove.holdBase(std::move(host));
+  remove.holdBase(std::move(host.fd));
   listing.descending(
       [&remove](const std::string& entry, bool isDirectory) { remove(entry, isDirectory); });
 }

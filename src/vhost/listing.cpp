@@ -26,10 +26,6 @@ void appendElement(std::string& path, const char* name) {
   path += name;
 }
 
-void report(const std::string& path, int error) {
-  std::cerr << (boost::format("%1%: %2%\n") % path % strerror(error)).str();
-}
-
 /// What the standard library's iterator says where it fails.
 void report(const std::filesystem::filesystem_error& failure) {
   std::cerr << std::string(failure.what()) + "\n";
@@ -101,7 +97,7 @@ class TreeLister {
     if (parent >= 0 && record.type == DT_DIR) return true;
     if (parent >= 0 && ::fstatat(parent, record.name, &st, AT_SYMLINK_NOFOLLOW) == 0)
       return S_ISDIR(st.st_mode);
-    if (errno != ENOENT) report(path_, errno);
+    reportUnreached(path_, errno);
     return false;
   }
 
@@ -163,8 +159,8 @@ class TreeLister {
     struct stat st = {};
     if (::fstatat(parent, name, &st, AT_SYMLINK_NOFOLLOW) == 0) {
       if (S_ISDIR(st.st_mode)) report({"directory iterator cannot open directory", path_, cause});
-    } else if (errno != ENOENT) {
-      report(path_, errno);
+    } else {
+      reportUnreached(path_, errno);
     }
   }
 
@@ -175,6 +171,10 @@ class TreeLister {
   std::vector<Level> levels_;
   DirectoryStack way_;
 };
+
+void reportUnreached(const std::string& path, int error) {
+  if (error != ENOENT) std::cerr << (boost::format("%1%: %2%\n") % path % strerror(error)).str();
+}
 
 UniqueFd TreeListing::add(const std::string& dir, const std::string& name) {
   return add({AT_FDCWD, dir.c_str()}, dir, name);

@@ -14,6 +14,9 @@
 
 namespace frask {
 
+/// What a listing says of an entry that cannot be looked at: nothing when it does not exist.
+void reportUnreached(const std::string& path, int error);
+
 /// The entries of some trees. Each is kept as its name in its directory: a tree of a million
 /// entries takes some 15 MB, and to sort it is to sort each directory by names.
 class TreeListing {

@@ -413,7 +413,7 @@ TEST(CleanDocroot, RemovesNothingBelowAHostThatComesBack) {
   write_file(host / "moved/private/file", "kept");
   std::filesystem::remove_all(host.site);
   const auto outcome = testsupport::in_child_stopped_at(
-      {SYS_openat, host / "site/private"},
+      {SYS_openat, host / "documents"},  // the host was looked for before
       [&] { std::filesystem::rename(host / "moved", host / "site"); },
       [&] {
         const DocrootCleanOptions options = host.options();
@@ -421,6 +421,20 @@ TEST(CleanDocroot, RemovesNothingBelowAHostThatComesBack) {
       });
   EXPECT_EQ(outcome, reported(""));
   EXPECT_EQ(tree_listing(host.site), (Lines{"d 0755 0:0 private", "f 0644 0:0 private/file kept"}));
+}
+
+TEST(CleanDocroot, ReportsWhatLiesInAHostThatCannotBeOpened) {
+  const Host host;
+  write_file(host / "site/private/file", "kept");
+  const DocrootCleanOptions options = host.options();
+  const auto outcome = testsupport::in_child([&] {
+    testsupport::limit_descriptors(3);
+    exit(vhosttest::kReturned + clean_docroot(host.site.c_str(), &options));
+  });
+  EXPECT_NE(outcome.err.find(host / "site/private" + ": Too many open files\n"), std::string::npos)
+      << outcome;
+  EXPECT_EQ(vhosttest::kReturned, outcome.exit_code());
+  EXPECT_EQ(testsupport::read_file(host / "site/private/file"), "kept");
 }
 
 TEST(CleanDocroot, ReachesTheHostsDirectoryThroughLinks) {
