@@ -31,10 +31,10 @@ provided() {
 
 requirements_are_met() {
   step "RPM: what the packages require"
-  for file in "$packages"/*.rpm; do
-    rpm -qp --requires "$file" | sort -u >"$cache/requires"
+  for package in "$packages"/*.rpm; do
+    rpm -qp --requires "$package" | sort -u >"$cache/requires"
     while read -r requirement; do
-      provided "$requirement" || fail "$(basename "$file") requires $requirement, which nothing has"
+      provided "$requirement" || fail "$(basename "$package") requires $requirement, which nothing has"
     done <"$cache/requires"
   done
   for needed in file tar gzip unzip 'libmariadb.so.3()(64bit)' /usr/sbin/groupadd; do
