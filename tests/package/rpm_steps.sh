@@ -5,7 +5,7 @@
 # shellcheck disable=SC2154 # run.sh sets them
 
 # Debian's rpm wants to be told that it is meant; its database lies in the root.
-rpm_root() { rpm --root "$root" --force-debian "$@" 2>"$cache/rpm.err"; }
+rpm_root() { rpm --root "$root" --dbpath /var/lib/rpm --force-debian "$@" 2>"$cache/rpm.err"; }
 rpm_do() { rpm_root --nodeps "$@" || { cat "$cache/rpm.err" >&2; fail "rpm $* failed"; }; }
 rpms() { # PACKAGE...
   for name in "$@"; do ls "$packages/$name"-9.0.0-*.rpm; done
