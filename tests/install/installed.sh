@@ -111,10 +111,9 @@ tool_data() {
 }
 
 # Below the prefix "/usr/local" this is the product root that the panel's programs have compiled in.
-product_root() {
+tool_link() {
   [ "$(readlink -f "$prefix/oxa/admin/sbin/tembrix")" = "$(readlink -f "$prefix/sbin/tembrix")" ] ||
     fail "the panel does not find the tool"
-  gzip -t "$prefix/oxa/var/default_skeleton.tgz" || fail "there is no default skeleton"
 }
 
 versioned_library() {

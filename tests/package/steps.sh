@@ -70,7 +70,7 @@ keep_places() {
 }
 state_of_places() {
   grep '^oxacln:' "$root/etc/group"
-  (cd "$root" && ls -lnR --time-style=full-iso var/www home/large)
+  (cd "$root" && ls -lanR --time-style=full-iso var/www home/large)
 }
 places_were_kept() { state_of_places | same "what was there before has changed" "$kept"; }
 forget_places() {
