@@ -138,15 +138,19 @@ TEST_F(SetupSkeletonInARace, PassesNoLinkThatGetsIntoTheSite) {
 TEST_F(SetupSkeletonInARace, LeavesTheModeOfAnothersDirectoryAlone) {
   fs::create_directories(skeleton("conf/sub"));
   ASSERT_EQ(chmod(skeleton("conf/sub").c_str(), 0777), 0);
-  const auto put_theirs = [] {
-    fs::rename(host("conf/sub"), host("conf/sub.moved"));
-    fs::create_directory(host("conf/sub"));
-    if (chown(host("conf/sub").c_str(), 7, 8) != 0 || chmod(host("conf/sub").c_str(), 0700) != 0)
-      throw std::logic_error("no directory of theirs");
-  };
-  EXPECT_EQ(deployStoppedAt(kOpeningOfNewDirectory, put_theirs), done());
-  EXPECT_EQ(deployed(),
-            (Lines{"d 0755 0:4242 conf", "d 0700 7:8 conf/sub", "d 0755 0:0 conf/sub.moved"}));
+  for (const mode_t mode : {0700, 0755}) {
+    fs::remove_all(root("example.com"));
+    const auto put_theirs = [&] {
+      fs::rename(host("conf/sub"), host("conf/sub.moved"));
+      fs::create_directory(host("conf/sub"));
+      if (chown(host("conf/sub").c_str(), 7, 8) != 0 || chmod(host("conf/sub").c_str(), mode) != 0)
+        throw std::logic_error("no directory of theirs");
+    };
+    EXPECT_EQ(deployStoppedAt(kOpeningOfNewDirectory, put_theirs), done());
+    EXPECT_EQ(deployed(), (Lines{"d 0755 0:4242 conf",
+                                 mode == 0700 ? "d 0700 7:8 conf/sub" : "d 0755 7:8 conf/sub",
+                                 "d 0755 0:0 conf/sub.moved"}));
+  }
 }
 
 // Whoever owns a directory may give what root keeps there another name.

@@ -313,7 +313,7 @@ TEST_F(SetupSkeleton, GoesFarDownInEverySectionWithFewDescriptors) {
     fs::create_directories(skeleton(row.section));
     testsupport::make_chain(skeleton(row.section), row.depth, "directory");
   }
-  EXPECT_EQ(deployAfter([] { testsupport::limit_descriptors(64); }), done());
+  EXPECT_EQ(deployAfter([] { testsupport::limit_descriptors(52); }), done());
   for (const Row& row : rows) {
     SCOPED_TRACE(row.section);
     int depth = 0;
