@@ -1,0 +1,25 @@
+#!/bin/sh
+# The real tool ($SOAK_TEMBRIX), but with faults of one kind ($SOAK_FAULT) that the soak has to notice.
+# Only removals are broken, so that most operations are as they should be.
+stores=/var/www/vhosts/.skel
+"$SOAK_TEMBRIX" "$@"
+status=$?
+[ "$1" = --remove-skel ] || exit $status
+
+case $SOAK_FAULT in
+  stores)
+    chmod 0775 "$stores"/*/httpdocs 2>/dev/null
+    mkdir -p "$stores/stranger"
+    echo changed >/var/www/vhosts/example.com/httpdocs/index.html
+    ;;
+  answers)
+    sleep 300 >/dev/null 2>&1 &
+    echo . >>/mnt/removals
+    case $(($(wc -l </mnt/removals) % 3)) in
+      0) echo 1 ;;
+      1) exit 3 ;;
+      2) echo something >&2 ;;
+    esac
+    ;;
+esac
+exit $status

@@ -1,0 +1,28 @@
+// What lies in a client's store, and outside of all of them, as lines that can be compared.
+#ifndef TESTS_SOAK_LISTING_H
+#define TESTS_SOAK_LISTING_H
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace soak {
+
+using Listing = std::vector<std::string>;
+
+/// A directory itself and all below it: names, types, modes, owners, contents, targets of links.
+Listing directory_listing(const std::filesystem::path& directory);
+
+/// Everything that no operation may change: the panel's settings, the sites and whatever else lies
+/// in the virtual hosts directory beside the stores, and `work`, all with their contents; of the
+/// host's own "/etc", "/usr/local" and "/srv" the names, types, modes, owners, sizes and times.
+Listing outside_listing(const std::filesystem::path& work);
+
+/// Up to `most` lines that stand in one listing only, "-" before those that are missing in `actual`
+/// and "+" before those that `expected` lacks.
+std::string differences(const Listing& expected, const Listing& actual, size_t most = 6);
+
+}  // namespace soak
+
+#endif
