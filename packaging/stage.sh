@@ -13,6 +13,17 @@ find "$root" -name '*.so.*' -type f -exec \
   strip --strip-unneeded --remove-section=.comment --remove-section=.note {} +
 find "$root" -path '*/sbin/*' -type f -exec strip --remove-section=.comment --remove-section=.note {} +
 
+# The pages to which the changelog links, and whoever operates the tool wants. A link that leads out of
+# them becomes its text, a picture its caption.
+if [ "$package" = tembrix ]; then
+  pages=$root/usr/share/doc/tembrix/docs
+  install -d -m 0755 "$pages"
+  for page in default-skeleton performance security security-races; do
+    sed -E 's,!?\[([^]]*)\]\((\.\.|images)/[^)]*\),\1,g' "$here/../docs/$page.md" >"$pages/$page.md"
+    chmod 0644 "$pages/$page.md"
+  done
+fi
+
 if [ "$generator" = RPM ]; then
   install -D -m 0644 "$here/copyright" "$root/usr/share/licenses/$package/copyright"
   exit
@@ -21,7 +32,9 @@ fi
 doc=$root/usr/share/doc/$package
 install -D -m 0644 "$here/copyright" "$doc/copyright"
 gzip -9n <"$here/deb/changelog" >"$doc/changelog.Debian.gz"
-gzip -9n <"$here/../CHANGELOG.md" >"$doc/changelog.gz"
+to_docs=../tembrix/docs
+[ "$package" != tembrix ] || to_docs=docs
+sed "s,](docs/,]($to_docs/,g" "$here/../CHANGELOG.md" | gzip -9n >"$doc/changelog.gz"
 chmod 0644 "$doc"/*.gz
 if [ -f "$here/deb/$package.lintian-overrides" ]; then
   install -D -m 0644 "$here/deb/$package.lintian-overrides" "$root/usr/share/lintian/overrides/$package"

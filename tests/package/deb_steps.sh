@@ -7,7 +7,7 @@ next_deb() {
   for file in "$packages"/*.deb; do
     rm -rf "$cache/deb"
     dpkg-deb -R "$file" "$cache/deb"
-    sed -i "s/9\.0\.0-[0-9]*/9.0.0-$1/" "$cache/deb/DEBIAN/control"
+    sed -i "s/$version-[0-9]*/$version-$1/" "$cache/deb/DEBIAN/control"
     skeleton=$cache/deb/usr/local/oxa/var/default_skeleton.tgz
     [ ! -f "$skeleton" ] || skeleton_of "$1" >"$skeleton"
     quietly dpkg-deb --root-owner-group -Zgzip -b "$cache/deb" "$root/given/"
@@ -22,16 +22,16 @@ installed_page() {
   in_root tar -xzOf /usr/local/oxa/var/default_skeleton.tgz httpdocs/index.html
 }
 debs() { # REVISION PACKAGE...: their files in the root
-  revision=$1
+  wanted=$version-$1
   shift
-  for name in "$@"; do (cd "$root" && ls given/"${name}_9.0.0-${revision}_"*.deb); done | sed 's|^|/|'
+  for name in "$@"; do (cd "$root" && ls given/"${name}_${wanted}_"*.deb); done | sed 's|^|/|'
 }
 
 install_on_a_bare_system() {
   step "DEB: the tool and what it depends on, on a bare system"
   quietly in_root apt-get -qq -y --no-install-recommends satisfy "$(dpkg-deb -f "$packages"/tembrix_*.deb Depends)"
   before=$(listing) groups_before=$(groups)
-  quietly in_root dpkg -i $(debs 1 tembrix)
+  quietly in_root dpkg -i $(debs "$revision" tembrix)
   [ -z "$(in_root dpkg -V tembrix)" ] || fail "files differ from those that were packed"
   places_are_provided
   use_tool
@@ -49,7 +49,7 @@ purge_leaves_the_places() {
   echo "$before" >"$cache/before"
   listing | diff "$cache/before" - | sed -n 's/^[<>]/&/p' | same "what is left" "> drwxr-xr-x root:root var/www 
 > drwxr-xr-x root:root var/www/vhosts 
-> drwxr-xr-x root:root var/www/vhosts/.skel "
+> drwx------ root:root var/www/vhosts/.skel "
   echo "$groups_before" >"$cache/before"
   groups | diff "$cache/before" - | sed -n 's/^[<>]/&/p' | same "the groups that are left" '> oxacln:'
 }
@@ -58,16 +58,34 @@ find_places_as_they_are() {
   step "DEB: group and store that were there before"
   forget_places
   keep_places
-  quietly in_root dpkg -i $(debs 1 tembrix)
+  quietly in_root dpkg -i $(debs "$revision" tembrix)
   places_were_kept
   quietly in_root dpkg -P tembrix
   places_were_kept
   forget_places
 }
 
+# deb_list PACKAGE LIST...: the list, and what each Debian package has beside it, is what is installed.
+deb_list() {
+  name=$1
+  shift
+  "$@" >"$cache/expected"
+  printf "/usr/share/doc/$name/%s\n" changelog.Debian.gz changelog.gz copyright >>"$cache/expected"
+  echo "/usr/share/lintian/overrides/$name" >>"$cache/expected"
+  in_root dpkg -L "$name" | paths_of "$name"
+}
+deb_contents_are_whole() {
+  libraries=/usr/lib/$(dpkg-architecture -q DEB_HOST_MULTIARCH)
+  deb_list tembrix tool_files vendor-completions
+  deb_list libfrask9 library_files "$libraries"
+  deb_list libfrask-dev development_files "$libraries" libfrask-dev
+  links_lead_somewhere
+}
+
 build_programs() {
   step "DEB: building programs with pkg-config, with CMake and as plain C11"
-  apt install $(debs 1 tembrix libfrask9 libfrask-dev) g++ cmake make
+  apt install $(debs "$revision" tembrix libfrask9 libfrask-dev) g++ cmake make
+  deb_contents_are_whole
   in_root sh -ec '
     mkdir /tmp/pc /tmp/plain && cd /tmp/pc && examples=/usr/share/doc/libfrask-dev/examples
     gcc -std=c11 -pedantic -Wall -Wextra -Werror $examples/site.c -o site $(pkg-config --cflags --libs frask)
@@ -106,15 +124,15 @@ depends_on_the_library() {
 upgrade() {
   step "DEB: upgrading, with a default skeleton that an operator changed and one that none did"
   use_tool
-  next_deb 2
-  apt install $(debs 2 tembrix libfrask9 libfrask-dev)
-  installed_page | same "the default skeleton after an upgrade" '@domain_name@ 2'
+  next_deb $((revision + 1))
+  apt install $(debs $((revision + 1)) tembrix libfrask9 libfrask-dev)
+  installed_page | same "the default skeleton after an upgrade" "@domain_name@ $((revision + 1))"
   grep -q doctype -i "$root$store/12/httpdocs/index.html" || fail "the client's skeleton has changed"
   run_programs
   skeleton_of operator >"$root/usr/local/oxa/var/default_skeleton.tgz"
-  next_deb 3
-  apt -o Dpkg::Options::=--force-confdef install $(debs 3 tembrix libfrask9 libfrask-dev)
-  [ "$(in_root dpkg-query -W -f '${Version}' tembrix)" = 9.0.0-3 ] || fail "the upgrade did not happen"
+  next_deb $((revision + 2))
+  apt -o Dpkg::Options::=--force-confold install $(debs $((revision + 2)) tembrix libfrask9 libfrask-dev)
+  [ "$(in_root dpkg-query -W -f '${Version}' tembrix)" = "$version-$((revision + 2))" ] || fail "the upgrade did not happen"
   installed_page | same "the operator's skeleton after an upgrade" '@domain_name@ operator'
   in_root ldconfig -p | grep -q 'libfrask\.so\.9' || fail "the loader does not know the library"
 }

@@ -8,7 +8,7 @@
 rpm_root() { rpm --root "$root" --dbpath /var/lib/rpm --force-debian "$@" 2>"$cache/rpm.err"; }
 rpm_do() { rpm_root --nodeps "$@" || { cat "$cache/rpm.err" >&2; fail "rpm $* failed"; }; }
 rpms() { # PACKAGE...
-  for name in "$@"; do ls "$packages/$name"-9.0.0-*.rpm; done
+  for name in "$@"; do ls "$packages/$name-$version-$revision".*.rpm; done
 }
 
 # provided REQUIREMENT: whether the system, or another of the packages, has it.
@@ -53,6 +53,21 @@ contents_are_as_expected() {
     same "directories of the system in the packages" ''
 }
 
+# rpm_list PACKAGE LIST...: the list, and the licence, is what is installed.
+rpm_list() {
+  name=$1
+  shift
+  "$@" >"$cache/expected"
+  echo "/usr/share/licenses/$name/copyright" >>"$cache/expected"
+  rpm_root -ql "$name" | paths_of "$name"
+}
+rpm_contents_are_whole() {
+  rpm_list tembrix tool_files site-functions
+  rpm_list libfrask library_files /usr/lib64
+  rpm_list libfrask-devel development_files /usr/lib64 libfrask-devel
+  links_lead_somewhere
+}
+
 install_rpms() {
   step "RPM: installing, beside a group and a store that were there before and without"
   forget_places
@@ -67,6 +82,7 @@ install_rpms() {
   forget_places
   rpm_do -i $(rpms tembrix libfrask libfrask-devel)
   rpm_root -V --nodeps tembrix libfrask libfrask-devel | same "files that differ from those packed" ''
+  rpm_contents_are_whole
   places_are_provided
   use_tool
   read_documents
@@ -86,7 +102,7 @@ upgrade_rpms() {
   step "RPM: upgrading and removing"
   skeleton_of operator >"$root/usr/local/oxa/var/default_skeleton.tgz"
   rpm_do -U "$next"/*.rpm
-  rpm_root -qa | sed 's/\.[^.]*$//; s/.*-//' | sort -u | same "revisions after the upgrade" 2
+  rpm_root -qa | sed 's/\.[^.]*$//; s/.*-//' | sort -u | same "revisions after the upgrade" $((revision + 1))
   installed_page | same "the operator's skeleton after an upgrade" '@domain_name@ operator'
   [ -f "$root$store/12/httpdocs/index.html" ] || fail "the client's skeleton went with the upgrade"
   rpm_do -e tembrix libfrask libfrask-devel
@@ -96,7 +112,7 @@ upgrade_rpms() {
   echo "$before" >"$cache/before"
   listing | diff "$cache/before" - | sed -n 's/^[<>]/&/p' | same "what is left" "> drwxr-xr-x root:root var/www 
 > drwxr-xr-x root:root var/www/vhosts 
-> drwxr-xr-x root:root var/www/vhosts/.skel "
+> drwx------ root:root var/www/vhosts/.skel "
   echo "$groups_before" >"$cache/before"
   groups | diff "$cache/before" - | sed -n 's/^[<>]/&/p' | same "the groups that are left" '> oxacln:'
 }

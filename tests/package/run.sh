@@ -14,6 +14,12 @@ if [ "${TEMBRIX_PACKAGE_TEST:-}" != inside ]; then
 fi
 packages=$1 next=$2 cache=$3
 root=$cache/root
+source=$here/../..  # whose lists say what is in the packages
+# Of the packages' names, "tembrix_9.0.0-1_amd64.deb".
+named=$(basename "$packages"/tembrix_*.deb)
+named=${named#tembrix_}
+named=${named%_*}
+version=${named%-*} revision=${named##*-}
 
 # The archive that this machine's apt is set up with, as "deb URI RELEASE COMPONENT".
 sources() {

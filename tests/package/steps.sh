@@ -45,10 +45,60 @@ use_tool() {
   [ ! -e "$root$store/13" ] || fail "the client's skeleton is still there"
 }
 
+# paths_of PACKAGE: standard input, the paths that its package manager knows of it, are there, and but
+# for directories they are those of the lists below.
+paths_of() {
+  while read -r path; do
+    if [ -d "$root$path" ] && [ ! -L "$root$path" ]; then continue; fi
+    [ -e "$root$path" ] || in_root test -e "$path" || fail "$path of $1 is not there"
+    echo "$path"
+  done | LC_ALL=C sort | same "the files of $1" "$(LC_ALL=C sort "$cache/expected")"
+}
+pages() { # SECTION...: where the manual pages of the source are installed
+  for section in "$@"; do
+    (cd "$source/man" && printf "/usr/share/man/man$section/%s.gz\n" *."$section")
+  done
+}
+tool_files() { # DIRECTORY_OF_ZSH
+  printf '%s\n' /usr/sbin/tembrix /usr/local/oxa/admin/sbin/tembrix \
+    /usr/local/oxa/var/default_skeleton.tgz /usr/share/bash-completion/completions/tembrix \
+    "/usr/share/zsh/$1/_tembrix"
+  for page in default-skeleton performance security security-races; do
+    echo "/usr/share/doc/tembrix/docs/$page.md"
+  done
+  pages 5 8
+}
+library_files() { # LIBRARY_DIRECTORY
+  printf '%s\n' "$1/libfrask.so.${version%%.*}" "$1/libfrask.so.$version"
+}
+development_files() { # LIBRARY_DIRECTORY PACKAGE
+  printf '%s\n' "$1/libfrask.so" "$1/libfrask.a" "$1/pkgconfig/frask.pc"
+  for part in frask-targets frask-targets-release fraskConfig fraskConfigVersion; do
+    echo "$1/cmake/frask/$part.cmake"
+  done
+  (cd "$source/examples" && printf "/usr/share/doc/$2/examples/%s\n" CMakeLists.txt *.c *.cpp)
+  # The owners of descriptors and directories are the library's own.
+  (cd "$source/src" && find . -name '*.h' ! -name '*.private.h' ! -path ./fs/unique_fd.h \
+    ! -path ./fs/dir_stream.h -printf '/usr/include/frask/%P\n')
+  pages 3
+}
+
+# links_lead_somewhere: what an installed document links to is installed.
+links_lead_somewhere() {
+  for document in "$root"/usr/share/doc/tembrix/docs/*.md "$root"/usr/share/doc/*frask*/changelog.gz \
+    "$root"/usr/share/doc/tembrix/changelog.gz; do
+    [ -f "$document" ] || continue  # the packages for rpm have no changelog
+    zcat -f "$document" | grep -oE '\]\([^)#]+' | cut -c 3- | grep -vE '^https?:' >"$cache/links" || true
+    while read -r link; do
+      [ -f "$(dirname "$document")/$link" ] || fail "${document#"$root"} links to $link, which is not there"
+    done <"$cache/links"
+  done
+}
+
 # What else came with the tool: pages that can be read, completions that can be loaded.
 read_documents() {
-  for page in man8/tembrix.8 man5/oxa.conf.5; do
-    zcat "$root/usr/share/man/$page.gz" | grep -q '^\.Dt' || fail "$page is no manual page"
+  for page in $(pages 5 8); do
+    zcat "$root$page" | grep -q '^\.Dt' || fail "$page is no manual page"
   done
   in_root bash -c '. /usr/share/bash-completion/completions/tembrix && complete -p tembrix' >/dev/null ||
     fail "bash does not complete"
@@ -58,7 +108,7 @@ read_documents() {
 places_are_provided() {
   in_root getent group oxacln | awk -F : '$3 >= 1000 { exit 1 }' || fail "the group is no system group"
   in_root getent group oxacln >/dev/null || fail "there is no group oxacln"
-  in_root stat -c '%A %U:%G' $store | same "the store of skeletons" 'drwxr-xr-x root:root'
+  in_root stat -c '%A %U:%G' $store | same "the store of skeletons" 'drwx------ root:root'
 }
 
 # keep_places / places_were_kept: what was there before an installation is there after it.
