@@ -21,7 +21,7 @@ ConfinedDirectory directoryOf(std::string_view path) {
 }
 
 /// Deliberate: separators behind its name do not make it another directory, though another path.
-/// Pinned by CleanDirContent.KeepsTheStandardDirectoriesOfTheHost.
+/// Pinned by WidoDeleteInstance.NeverRemovesTheSectionsThemselves.
 bool isStandardDirectory(std::string_view entry) {
   const std::string_view directory = withoutTrailingSeparators(entry);
   const auto& standard = vhostAllDirs();

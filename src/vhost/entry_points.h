@@ -17,9 +17,9 @@ extern "C" {
 #endif
 
 /**
- * Options of the routines below. A NULL text counts as "", in which nothing is found and nothing can
- * be created: a deployment that has documents or CGI programs to put there ends with an exception.
- * Any nonzero number counts as true.
+ * Options of the routines below. A NULL text counts as "", in which nothing is found and nothing
+ * can be created: a deployment that has documents or CGI programs to put there ends with an
+ * exception. Any nonzero number counts as true.
  */
 typedef struct DocrootCleanOptions {
   const char* docrootDir; /**< the document root: stands for the host's "httpdocs" */
@@ -79,8 +79,8 @@ FRASK_API int clean_docroot(const char* vhostDir, const DocrootCleanOptions* opt
  *
  * The document is an INSTANCE-DATA element holding SECTION elements, whose attribute PREFIX is
  * "htdocs" or "cgi-bin", holding FILE elements, each with a path below `prefix` in that section.
- * The directory `prefix` of the document root goes as well once it is empty; an absolute `prefix` is
- * that directory itself. Failures of single entries are reported on standard error, and the work
+ * The directory `prefix` of the document root goes as well once it is empty; an absolute `prefix`
+ * is that directory itself. Failures of single entries are reported on standard error, and the work
  * goes on. No section is removed under its own name ("../private" is a path like any other), and no
  * symbolic link below them is passed.
  *
