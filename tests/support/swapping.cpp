@@ -11,18 +11,21 @@
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <new>
 #include <stdexcept>
+#include <thread>
 
 #include "support/tree_listing.h"
 
 namespace testsupport {
 namespace {
+
+using Clock = std::chrono::steady_clock;
 
 constexpr auto kPatience = std::chrono::minutes(2);
 
@@ -42,10 +45,11 @@ Shared& make_shared_memory() {
   return *new (memory) Shared;
 }
 
-/// How many times all pairs are swapped in a row. Then the swapping process sleeps for a moment: it
-/// comes before others, and would let the routine do nothing where they share one processor.
+/// How many times all pairs are swapped in a row. Then the swapping process sleeps as long as that
+/// took: it comes before others, and where it shares a processor with the routine, or each of the
+/// two has one of such a process from another test, that would come to nothing.
 constexpr int kLongestBurst = 8;
-constexpr timespec kMoment = {0, 10000};
+constexpr auto kMoment = std::chrono::microseconds(10);
 
 /// On a busy machine the routine would else be done with before anything is swapped under it, or
 /// wait for others while all is. Where this is not allowed, it only takes longer.
@@ -105,9 +109,10 @@ class Swapper {
     if (chdir(plan.directory.c_str()) != 0) _exit(97);
     come_first(2);
     for (int round = 0;; ++round) {
+      const auto begin = Clock::now();
       for (int burst = round % kLongestBurst; burst >= 0 && shared_.go != 0; --burst)
         swap_all(plan);
-      nanosleep(&kMoment, nullptr);
+      std::this_thread::sleep_for(std::max<Clock::duration>(Clock::now() - begin, kMoment));
       if (shared_.go != 0) continue;
       shared_.resting = 1;
       syscall(SYS_futex, &shared_.go, FUTEX_WAIT, 0, nullptr, nullptr, 0);
@@ -151,13 +156,13 @@ void run_swapped(const SwapPlan& plan, const Swapper& swapper) {
 }  // namespace
 
 SwapCounts run_under_swapping(const SwapPlan& plan, long swaps, long runs) {
-  const auto give_up = std::chrono::steady_clock::now() + kPatience;
+  const auto give_up = Clock::now() + kPatience;
   const Swapper swapper(plan);
   const std::vector<std::string> untouched = exact_listing(plan.victim);
   usleep(20000);  // so that whatever is done to it from here on shows in its times
   SwapCounts counts;
   while (counts.swaps < swaps || counts.runs < runs) {
-    if (std::chrono::steady_clock::now() > give_up) break;
+    if (Clock::now() > give_up) break;
     plan.rebuild();
     run_swapped(plan, swapper);
     counts.swaps += swapper.shared().after - swapper.shared().before;
