@@ -25,7 +25,7 @@ namespace faults {
 namespace {
 
 /// Calls that never return, and those that cannot fail as they are made here: the C library takes a
-/// failure of the latter for a broken kernel and aborts.
+/// failed futex for a broken kernel and aborts.
 bool is_left_out(long number) {
   switch (number) {
     case SYS_exit:
