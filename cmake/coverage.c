@@ -44,8 +44,8 @@ static bool able_to_keep(void) {
   struct flock whole = {.l_type = F_WRLCK, .l_whence = SEEK_SET};
   const bool able = fcntl(file, F_SETLKW, &whole) == 0 &&
                     write(file, probe, sizeof probe) == sizeof probe &&
-                    lseek(file, 0, SEEK_SET) == 0 &&
-                    read(file, back, sizeof back) == sizeof back && ftruncate(file, 0) == 0;
+                    lseek(file, 0, SEEK_SET) == 0 && read(file, back, sizeof back) == sizeof back &&
+                    ftruncate(file, 0) == 0;
   return close(file) == 0 && able;
 }
 

@@ -22,9 +22,9 @@ extern "C" {
 #endif
 
 /**
- * Connects, which takes a server that does not answer ten seconds at most; a query on the handle may
- * take any time. Nothing is printed, but for what get_ini_conf_var() says of a settings file that cannot
- * be opened.
+ * Connects, which takes a server that does not answer ten seconds at most; a query on the handle
+ * may take any time. Nothing is printed, but for what get_ini_conf_var() says of a settings file
+ * that cannot be opened.
  *
  * @param error  receives, when the result is NULL, one of the texts below, cut to what fits; may be
  *               NULL with size 0.
