@@ -1,6 +1,6 @@
 #!/usr/bin/perl
 # Whether the manual says all that the sources say, and nothing that they do not.
-#   covers.pl options|variables|routines|messages SOURCE_TREE
+#   covers.pl options|variables|routines|messages|environment|paths SOURCE_TREE
 use strict;
 use warnings;
 
@@ -181,7 +181,77 @@ sub messages {
   complain 'hardly any message was found' if keys %reported < 80;
 }
 
+# A section of a page, without its heading.
+sub section {
+  my ($page, $name) = @_;
+  my ($text) = content($page) =~ /^\.Sh \Q$name\E\n(.*?)(?=^\.Sh |\z)/ms
+    or die "covers: $page has no section $name\n";
+  return $text;
+}
+
+# The words behind a macro that begins a line.
+sub marked {
+  my ($macro, $text) = @_;
+  return map { split /[ ,]+/, $_ } $text =~ /^\.$macro (.*)$/gm;
+}
+
+# Every variable that the tool sets or removes for the programs that it runs heads an item of
+# ENVIRONMENT in tembrix(8), and is not among those said to be handed on.
+sub environment {
+  my ($items, $rest) = section('man/tembrix.8', 'ENVIRONMENT') =~ /^\.Bl (.*?)^\.El$(.*)/ms
+    or die "covers: ENVIRONMENT has no list\n";
+  my %told = map { $_ => 1 } marked('It Ev', $items);
+  my %handed_on = map { $_ => 1 } marked('Ev', $rest);
+  my %changed;
+  for my $source (glob 'src/tool/*.cpp') {
+    $changed{$_} = $source
+      for without_comments(content($source)) =~ /\b(?:un)?setenv\(\s*"?(\w+)"?/g;
+  }
+  for my $name (sort keys %changed) {
+    complain "ENVIRONMENT of tembrix(8) does not explain $name of $changed{$name}" unless $told{$name};
+    complain "tembrix(8) says that $name is handed on, which $changed{$name} changes" if $handed_on{$name};
+  }
+  complain 'hardly any variable was found' if keys %changed < 3;
+}
+
+# The compiled-in paths of one or more sources, but for the defaults that "variables" compares.
+sub paths_in {
+  my %paths;
+  for my $file (@_) {
+    my $source = without_comments(content($file));
+    $source =~ s/theOxaConfDefauls\[[^{]*\{.*?\};//s;
+    $paths{$_} = $file for $source =~ m{"(/[^"]+)"}g;
+  }
+  return %paths;
+}
+
+# Every path that is compiled in stands under FILES of tembrix(8), and those of the settings in their
+# own pages as well; and what stands there is such a path, or lies below a variable's default.
+sub paths {
+  my %told = map { my $page = $_; $page => { map { $_ => 1 } marked('It Pa', section($page, 'FILES')) } }
+    qw(man/tembrix.8 man/oxa.conf.5 man/dsn.ini.5);
+  my %of_settings = paths_in(glob 'src/conf/*.cpp');
+  my %of_all = (paths_in(glob 'src/tool/*.cpp src/tool/*.h'), %of_settings);
+  for my $path (sort keys %of_all) {
+    complain "FILES of tembrix(8) lacks $path of $of_all{$path}" unless $told{'man/tembrix.8'}{$path};
+  }
+  for my $path (sort keys %of_settings) {
+    complain "neither FILES of oxa.conf(5) nor that of dsn.ini(5) has $path of $of_settings{$path}"
+      unless $told{'man/oxa.conf.5'}{$path} or $told{'man/dsn.ini.5'}{$path};
+  }
+  my ($defaults) = content('src/conf/oxaconf.cpp') =~ /theOxaConfDefauls\[[^{]*\{(.*?)\};/s
+    or die "covers: no defaults\n";
+  my @roots = $defaults =~ m{"(/[^"]+)"}g;
+  for my $page (sort keys %told) {
+    for my $path (grep { m{^/} } sort keys %{$told{$page}}) {
+      next if $of_all{$path} or grep { index($path, "$_/.skel/") == 0 } @roots;
+      complain "FILES of $page has $path, which no source has";
+    }
+  }
+  complain 'hardly any path was found' if keys %of_all < 6 or keys %of_settings < 3;
+}
+
 my %checks = (options => \&options, variables => \&variables, routines => \&routines,
-              messages => \&messages);
+              messages => \&messages, environment => \&environment, paths => \&paths);
 ($checks{$check // ''} or die "covers: no such check\n")->();
 exit($failures ? 1 : 0);
