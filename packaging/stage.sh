@@ -18,7 +18,7 @@ find "$root" -path '*/sbin/*' -type f -exec strip --remove-section=.comment --re
 if [ "$package" = tembrix ]; then
   pages=$root/usr/share/doc/tembrix/docs
   install -d -m 0755 "$pages"
-  for page in default-skeleton performance security security-races; do
+  for page in default-skeleton performance security; do
     sed -E 's,!?\[([^]]*)\]\((\.\.|images)/[^)]*\),\1,g' "$here/../docs/$page.md" >"$pages/$page.md"
     chmod 0644 "$pages/$page.md"
   done

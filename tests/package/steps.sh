@@ -63,7 +63,7 @@ tool_files() { # DIRECTORY_OF_ZSH
   printf '%s\n' /usr/sbin/tembrix /usr/local/oxa/admin/sbin/tembrix \
     /usr/local/oxa/var/default_skeleton.tgz /usr/share/bash-completion/completions/tembrix \
     "/usr/share/zsh/$1/_tembrix"
-  for page in default-skeleton performance security security-races; do
+  for page in default-skeleton performance security; do
     echo "/usr/share/doc/tembrix/docs/$page.md"
   done
   pages 5 8
