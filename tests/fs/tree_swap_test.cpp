@@ -162,17 +162,16 @@ class SwappedTree {
   SwappedTree() { write_files("outside"); }
 
   void expect_outside_unharmed_by(const std::function<void(const char*)>& walk) const {
-    constexpr long kSwaps = 3000;
-    constexpr long kRuns = 150;
     testsupport::SwapPlan plan;
     plan.directory = scratch_.path();
     plan.victim = scratch_ / "outside";
     for (const auto& [entry, like] : kSwapped) plan.pairs.push_back({entry, decoy(entry)});
     plan.rebuild = [this] { rebuild(); };
     plan.routine = [&] { walk((scratch_ / "tree").c_str()); };
-    const testsupport::SwapCounts counts = testsupport::run_under_swapping(plan, kSwaps, kRuns);
-    EXPECT_GE(counts.swaps, kSwaps);
-    EXPECT_GE(counts.runs, kRuns);
+    const testsupport::SwapCounts counts =
+        testsupport::run_under_swapping(plan, testsupport::kLeastSwaps, testsupport::kLeastRuns);
+    EXPECT_GE(counts.swaps, testsupport::kLeastSwaps);
+    EXPECT_GE(counts.runs, testsupport::kLeastRuns);
   }
 
  private:

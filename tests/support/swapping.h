@@ -28,6 +28,16 @@ struct SwapPlan {
   std::string input = {};              ///< the routine's standard input
 };
 
+/// How much a test of one routine makes at least. A process with the sanitizers takes fifty times
+/// as long to start and end.
+#ifdef __SANITIZE_ADDRESS__
+constexpr long kLeastSwaps = 300;
+constexpr long kLeastRuns = 15;
+#else
+constexpr long kLeastSwaps = 3000;
+constexpr long kLeastRuns = 150;
+#endif
+
 struct SwapCounts {
   long runs = 0;
   long swaps = 0;  ///< that were made while the routine ran, and not before or after it

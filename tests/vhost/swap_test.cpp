@@ -22,8 +22,6 @@ using testsupport::SwapCounts;
 using testsupport::SwapPlan;
 using testsupport::write_file;
 
-constexpr long kSwaps = 3000;
-constexpr long kRuns = 150;
 const char* const kSecret = "what is outside";
 
 /// An entry, and what the link leads to that takes its place.
@@ -56,9 +54,10 @@ SwapPlan planFor(const std::string& directory, const std::vector<Swapped>& swapp
 }
 
 void expectUnharmed(const SwapPlan& plan) {
-  const SwapCounts counts = run_under_swapping(plan, kSwaps, kRuns);
-  EXPECT_GE(counts.swaps, kSwaps);
-  EXPECT_GE(counts.runs, kRuns);
+  const SwapCounts counts =
+      run_under_swapping(plan, testsupport::kLeastSwaps, testsupport::kLeastRuns);
+  EXPECT_GE(counts.swaps, testsupport::kLeastSwaps);
+  EXPECT_GE(counts.runs, testsupport::kLeastRuns);
 }
 
 /// Nothing below `top` holds a text.
