@@ -17,9 +17,9 @@ provided() {
     rpmlib\(* | 'rtld(GNU_HASH)') return 0 ;;  # what rpm and the loader can do
     *.so.*\(*\(64bit\))
       file=$(in_root ldconfig -p | awk -v name="${1%%(*}" '$1 == name { print $NF; exit }')
-      version=${1#*\(}
-      version=${version%%)*}
-      [ -n "$file" ] && { [ -z "$version" ] || readelf -V "$root$file" | grep -q "Name: $version\$\|Name: $version "; } ;;
+      wanted=${1#*\(}
+      wanted=${wanted%%)*}
+      [ -n "$file" ] && { [ -z "$wanted" ] || readelf -V "$root$file" | grep -q "Name: $wanted\$\|Name: $wanted "; } ;;
     /*) [ -x "$root$1" ] ;;
     file | tar | gzip | unzip) in_root sh -c "command -v $1" >/dev/null ;;
     pkgconfig\(*\)) module=${1#*\(}; in_root pkg-config --exists "${module%\)}" ;;
