@@ -127,9 +127,9 @@ void install_utility(const std::string& name, const std::string& program) {
 void install_libexec(const std::string& name, const std::string& program) {
   testsupport::enter_private_mounts();
   std::filesystem::create_directories("/mnt/upper");
-  std::filesystem::create_directories("/mnt/work");
+  std::filesystem::create_directories("/mnt/site");
   // The host has no such directory, so "/usr" gets a layer.
-  if (mount("overlay", "/usr", "overlay", 0, "lowerdir=/usr,upperdir=/mnt/upper,workdir=/mnt/work"))
+  if (mount("overlay", "/usr", "overlay", 0, "lowerdir=/usr,upperdir=/mnt/upper,workdir=/mnt/site"))
     broken("mount");
   const std::filesystem::path path = "/usr/lib64/frask-9.0/" + name;
   std::filesystem::create_directories(path.parent_path());

@@ -16,7 +16,7 @@ namespace {
 
 const std::string kStore = "/var/www/vhosts/.skel/7";
 const std::string kHost = "/var/www/vhosts/example.com";
-const std::string kWork = "/mnt/work";
+const std::string kWork = "/mnt/site";
 
 void shell(const std::string& script) {
   const Outcome outcome = testsupport::run({"/bin/sh", "-ec", script});

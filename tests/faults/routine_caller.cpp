@@ -36,7 +36,7 @@ namespace {
 using frask::CString;
 namespace sys = frask::sys;
 
-constexpr const char* kTree = "/mnt/work/tree";
+constexpr const char* kTree = "/mnt/site/tree";
 constexpr const char* kHost = "/var/www/vhosts/example.com";
 const DocrootCleanOptions kOptions = {"/var/www/vhosts/example.com/httpdocs", 0, 0, 0,
                                       "/var/www/vhosts/example.com/cgi-bin"};
@@ -164,7 +164,7 @@ const std::map<std::string, Routine>& routines() {
       {"execute", [] { return process((command({"true"}) | sys::wait_mode).execute()); }},
       {"redirect",
        [] {
-         sys::TExec both = (command({"cat"}) < "/mnt/work/tree/file") > "/mnt/work/copy";
+         sys::TExec both = (command({"cat"}) < "/mnt/site/tree/file") > "/mnt/site/copy";
          return process((both | sys::wait_mode).execute());
        }},
       {"feed", [] { return captured_line(command({"cat"}) << "text"); }},
@@ -225,12 +225,12 @@ const std::map<std::string, Routine>& routines() {
        }},
       {"copy_if_no_dontedit",
        [] {
-         copy_if_no_dontedit("/mnt/work/tree/file");
+         copy_if_no_dontedit("/mnt/site/tree/file");
          return std::string();
        }},
       {"readDirContent", listed},
-      {"typeFromPath", [] { return frask::typeFromPath("/mnt/work/tree/file"); }},
-      {"readFile", [] { return frask::readFile("/mnt/work/tree/file"); }},
+      {"typeFromPath", [] { return frask::typeFromPath("/mnt/site/tree/file"); }},
+      {"readFile", [] { return frask::readFile("/mnt/site/tree/file"); }},
       {"getCtID", frask::getCtID},
       {"idn_toascii_safe",
        [] {

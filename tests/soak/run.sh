@@ -11,7 +11,7 @@ unset TEMBRIX_SOAK
 soak=$1 tembrix=$2 skeleton=$3 template=$4 operations=$5 clients=$6 seed=${7:-1}
 server="$(dirname "$0")/../../scripts/private-mariadb"
 
-mkdir -p /mnt/work /mnt/library /var/www/vhosts/.skel /var/www/vhosts/example.com/httpdocs \
+mkdir -p /mnt/site /mnt/library /var/www/vhosts/.skel /var/www/vhosts/example.com/httpdocs \
   /usr/local/oxa/var
 cp "$skeleton" /usr/local/oxa/var/default_skeleton.tgz
 echo '<html>a site</html>' >/var/www/vhosts/example.com/httpdocs/index.html
@@ -27,7 +27,7 @@ mount --bind /mnt/group /etc/group
 
 failed=
 echo "soak: the tool"
-"$soak" tool "$soak"_launcher "$tembrix" "$operations" "$clients" "$seed" "$(cat /mnt/database/server.pid)" /mnt/work ||
+"$soak" tool "$soak"_launcher "$tembrix" "$operations" "$clients" "$seed" "$(cat /mnt/database/server.pid)" /mnt/site ||
   failed=1
 echo "soak: the library"
 # Blocks that the allocator keeps for each size would count as allocated.

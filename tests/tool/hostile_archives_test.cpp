@@ -35,7 +35,7 @@ TEST_F(HostileArchives, DoNotClimbOut) {
       {"absolutely",
        {file("/etc/evil"), file("/srv/victim/file"), file("//tmp/evil")},
        "Removing leading `/' from member names",
-       "stripped absolute path spec"},
+       "stripped absolute path"},
       {"by an extended header",
        {extended({"path=" + climb + "/etc/evil"}), file("httpdocs/x")},
        dots,
