@@ -21,5 +21,10 @@ case $SOAK_FAULT in
       2) echo something >&2 ;;
     esac
     ;;
+  memory)
+    echo . >>/mnt/removals
+    # shellcheck disable=SC2034 # it is there to take memory, more at each removal
+    much=$(head -c $(($(wc -l </mnt/removals) * 4000000)) /dev/zero | tr '\0' x)
+    ;;
 esac
 exit $status

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <numeric>
 #include <stdexcept>
 
 namespace fs = std::filesystem;
@@ -62,6 +63,30 @@ std::string Figure::summary() const {
 bool Figure::is_flat() const {
   return largest_.front() >= 0 && largest_.back() >= 0 &&
          largest_.back() <= largest_.front() + allowance_;
+}
+
+FigureByKind::Sums FigureByKind::sums() const {
+  Sums sums;
+  for (const auto& [kind, values] : values_) {
+    const auto half = static_cast<long>(values.size() / 2);
+    sums.first = std::accumulate(values.begin(), values.begin() + half, sums.first);
+    sums.last = std::accumulate(values.end() - half, values.end(), sums.last);
+    sums.count += half;
+  }
+  return sums;
+}
+
+std::string FigureByKind::summary() const {
+  const Sums all = sums();
+  if (all.count == 0) return "  " + name_ + ": nothing to compare";
+  return "  " + name_ + ", mean of the first and the last " + std::to_string(all.count) +
+         " like ones: " + std::to_string(all.first / all.count) + " " +
+         std::to_string(all.last / all.count) + (is_flat() ? "" : "  NOT FLAT");
+}
+
+bool FigureByKind::is_flat() const {
+  const Sums all = sums();
+  return all.count > 0 && static_cast<double>(all.last) <= static_cast<double>(all.first) * growth_;
 }
 
 }  // namespace soak

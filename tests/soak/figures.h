@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -43,6 +44,32 @@ class Figure {
   std::string name_;
   long allowance_;
   std::vector<long> largest_ = std::vector<long>(kTenths, -1);
+};
+
+/// A figure of many pieces of work, of several kinds that differ in it. The kinds come at random:
+/// only what the same kind took at first and at last can be compared.
+class FigureByKind {
+ public:
+  /// `growth`: the ratio of last to first that is allowed.
+  FigureByKind(std::string name, double growth) : name_(std::move(name)), growth_(growth) {}
+
+  void note(const std::string& kind, long value) { values_[kind].push_back(value); }
+
+  /// The means of the first and of the last half of each kind's values, on one line.
+  std::string summary() const;
+  bool is_flat() const;
+
+ private:
+  struct Sums {
+    long first = 0;
+    long last = 0;
+    long count = 0;  ///< of either
+  };
+  Sums sums() const;
+
+  std::string name_;
+  double growth_;
+  std::map<std::string, std::vector<long>> values_;  ///< in the order in which they came
 };
 
 }  // namespace soak

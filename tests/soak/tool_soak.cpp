@@ -15,7 +15,6 @@ namespace {
 constexpr size_t kAtOnce = 8;
 constexpr size_t kReadAtOnce = 4;
 constexpr size_t kMostWrong = 10;
-constexpr size_t kPeaks = 1000;
 constexpr long kServerMemory = 4096;  // KiB
 constexpr long kOwnMemory = 512;      // KiB
 // The figures of processes that do the same work differ by some pages.
@@ -25,10 +24,15 @@ Archive default_skeleton(const std::filesystem::path& work) {
   return tried(an_archive("/usr/local/oxa/var/default_skeleton.tgz", "tgz"), work);
 }
 
-long mean(const std::vector<long>& values, size_t from, size_t to) {
-  long sum = 0;
-  for (size_t i = from; i < to; ++i) sum += values[i];
-  return sum / static_cast<long>(to - from);
+/// What is asked for, whichever client it is for.
+std::string work_of(const Operation& operation) {
+  std::string work;
+  bool is_id = false;
+  for (const std::string& word : operation.words) {
+    if (!is_id) work += word + " ";
+    is_id = word == "--id";
+  }
+  return work;
 }
 
 }  // namespace
@@ -42,7 +46,9 @@ ToolSoak::ToolSoak(ToolSoakOptions options)
       server_descriptors_("descriptors of the server", 3 * kAtOnce),
       server_memory_("memory of the server, KiB", kServerMemory),
       own_descriptors_("descriptors of this test", 0),
-      own_memory_("memory of this test, KiB", kOwnMemory) {}
+      own_memory_("memory of this test, KiB", kOwnMemory),
+      peaks_alone_("peak memory of the tool, KiB", kAlike),
+      peaks_others_("peak memory of the tool and the archive programs, KiB", kAlike) {}
 
 /// A store that stays wrong is reported once.
 void ToolSoak::wrong(const std::string& text) {
@@ -70,7 +76,8 @@ void ToolSoak::finish_some() {
 void ToolSoak::finish(const Ended& ended) {
   ++ended_;
   ++kinds_[ended.operation.kind];
-  (ended.operation.alone ? peaks_alone_ : peaks_others_).push_back(ended.peak_memory);
+  (ended.operation.alone ? peaks_alone_ : peaks_others_)
+      .note(work_of(ended.operation), ended.peak_memory);
   if (!ended.wrong.empty()) wrong(ended.wrong);
   if (!ended.operation.client) return;
   const size_t client = *ended.operation.client;
@@ -112,17 +119,8 @@ void ToolSoak::examine_the_end(const std::set<pid_t>& processes_before,
   for (const Figure* figure :
        {&server_descriptors_, &server_memory_, &own_descriptors_, &own_memory_})
     if (!figure->is_flat()) wrong("not flat:\n" + figure->summary() + "\n");
-}
-
-void ToolSoak::examine_peaks(const char* whose, const std::vector<long>& peaks) {
-  const size_t count = std::min(kPeaks, peaks.size() / 2);
-  if (count == 0) return;
-  const long first = mean(peaks, 0, count);
-  const long last = mean(peaks, peaks.size() - count, peaks.size());
-  std::cout << "  peak memory of " << whose << ", mean of the first and the last " << count
-            << " runs, KiB: " << first << " " << last << "\n";
-  if (static_cast<double>(last) > static_cast<double>(first) * kAlike)
-    wrong(std::string("the memory of ") + whose + " has grown\n");
+  for (const FigureByKind* figure : {&peaks_alone_, &peaks_others_})
+    if (!figure->is_flat()) wrong("not flat:\n" + figure->summary() + "\n");
 }
 
 bool ToolSoak::report() const {
@@ -133,6 +131,8 @@ bool ToolSoak::report() const {
             << compared_ << " after the operation on them\n";
   for (const Figure* figure :
        {&server_descriptors_, &server_memory_, &own_descriptors_, &own_memory_})
+    std::cout << figure->summary() << "\n";
+  for (const FigureByKind* figure : {&peaks_alone_, &peaks_others_})
     std::cout << figure->summary() << "\n";
   std::cout << "  wrong: " << wrong_.size() << "\n";
   return wrong_.empty();
@@ -153,8 +153,6 @@ bool ToolSoak::run() {
     finish_some();
   }
   examine_the_end(processes, outside);
-  examine_peaks("the tool", peaks_alone_);
-  examine_peaks("the tool and the archive programs", peaks_others_);
   return report();
 }
 

@@ -42,7 +42,6 @@ class ToolSoak {
   void read_one_store();
   void take_figures();
   void examine_the_end(const std::set<pid_t>& processes_before, const Listing& outside_before);
-  void examine_peaks(const char* whose, const std::vector<long>& peaks);
   bool report() const;
   void wrong(const std::string& text);
   bool gives_up() const;
@@ -57,14 +56,14 @@ class ToolSoak {
   size_t read_ = 0;      ///< stores that the reader compared while operations went on for others
   size_t compared_ = 0;  ///< stores that were compared after the operation on them
   std::map<std::string, size_t> kinds_;
-  std::vector<long> peaks_alone_;   ///< of the runs that started no other program, as they ended
-  std::vector<long> peaks_others_;  ///< of those that did, with what these took
   std::vector<std::string> wrong_;
 
   Figure server_descriptors_;
   Figure server_memory_;
   Figure own_descriptors_;
   Figure own_memory_;
+  FigureByKind peaks_alone_;   ///< of the runs that started no other program
+  FigureByKind peaks_others_;  ///< of those that did, with what these took
 };
 
 }  // namespace soak
