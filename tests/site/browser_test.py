@@ -1,9 +1,11 @@
 """The default skeleton as visitors see it: deployed, served by a web server, shown by a browser.
 
-  browser_test.py TEMBRIX DEPLOYER ARCHIVE [PICTURES]   in a network of its own and the private
-                                                        mounts; PICTURES: where to leave some
+  browser_test.py TEMBRIX DEPLOYER ARCHIVE PICTURES [leave]   in a network of its own and the private
+                                                              mounts; PICTURES: where some are, or
+                                                              where they are to be left
 """
 import glob
+import hashlib
 import os
 import subprocess
 import sys
@@ -16,7 +18,7 @@ import urllib.request
 from browser import Browser
 from panel import ROOT, Panel, run
 
-PICTURES = sys.argv[4] if len(sys.argv) > 4 else None
+PICTURES = sys.argv[4]
 SITE = "example.com"
 # As long as a name can be: its parts have at most 63 characters, the whole at most 253.
 LONG = ".".join(["a" * 63, "site-without-any-place-to-break-a-line-at", "b" * 63, "example"])
@@ -79,6 +81,15 @@ def fetch(path, method="GET", data=None):
             return answer.status, answer.read().decode()
     except urllib.error.HTTPError as error:
         return error.code, error.read().decode()
+
+
+def shown():
+    """The digests of the pages that there are pictures of, one a line."""
+    lines = ""
+    for page in ("httpdocs/index.html", "error_docs/404.html"):
+        with open(f"{ROOT}/{SITE}/{page}", "rb") as file:
+            lines += f"{hashlib.sha256(file.read()).hexdigest()}  {page}\n"
+    return lines
 
 
 class Page(unittest.TestCase):
@@ -193,18 +204,22 @@ class Page(unittest.TestCase):
             os.chmod(program, 0o644)
 
 
-def leave_pictures(self):
-    home, missing = f"http://{SITE}/", f"http://{SITE}/missing"
-    for name, url, width, height, scheme in (
-            ("wide", home, 1040, 660, "light"), ("dark", home, 1040, 660, "dark"),
-            ("phone", home, 360, 720, "light"), ("missing", missing, 360, 720, "dark")):
-        self.browser.open(url, width, height, scheme)
-        with open(f"{PICTURES}/default-skeleton-{name}.png", "wb") as file:
-            file.write(self.browser.picture())
+    def test_is_what_the_pictures_show(self):
+        if sys.argv[5:] == ["leave"]:
+            self.leave_pictures()
+        with open(f"{PICTURES}/default-skeleton.sha256", encoding="utf-8") as file:
+            self.assertEqual(file.read(), shown(), "make them anew: scripts/skeleton-pictures")
 
-
-if PICTURES:
-    Page.test_leaves_pictures = leave_pictures
+    def leave_pictures(self):
+        home, missing = f"http://{SITE}/", f"http://{SITE}/missing"
+        for name, url, width, height, scheme in (
+                ("wide", home, 1040, 660, "light"), ("dark", home, 1040, 660, "dark"),
+                ("phone", home, 360, 860, "light"), ("missing", missing, 360, 720, "dark")):
+            self.browser.open(url, width, height, scheme)
+            with open(f"{PICTURES}/default-skeleton-{name}.png", "wb") as file:
+                file.write(self.browser.picture())
+        with open(f"{PICTURES}/default-skeleton.sha256", "w", encoding="utf-8") as file:
+            file.write(shown())
 
 
 if __name__ == "__main__":
