@@ -130,7 +130,10 @@ constexpr Filter make_filter() {
 void settle_options_of_archive_tools() {
   if (setenv("TAR_OPTIONS", "--no-same-owner --no-same-permissions", 1) != 0)
     messlog2(1, 1, "Unable to set the environment: %s", strerror(errno));
-  for (const char* name : {"UNZIP", "UNZIPOPT", "GZIP", "MAGIC"}) unsetenv(name);
+  unsetenv("UNZIP");
+  unsetenv("UNZIPOPT");
+  unsetenv("GZIP");
+  unsetenv("MAGIC");
 }
 
 /// From the bounding set, because a program that root starts gets whatever is in there, and from
