@@ -139,8 +139,8 @@ TEST(EitherChange, EndsOnAReadOnlyFileSystem) {
     const auto outcome = in_child([&] {
       testsupport::enter_private_mounts();
       const char* place = scratch.path().c_str();
-      if (mount(place, place, nullptr, MS_BIND, nullptr) != 0 ||
-          mount(nullptr, place, nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) != 0)
+      if (mount(place, place, "none", MS_BIND, nullptr) != 0 ||
+          mount("none", place, "none", MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) != 0)
         _exit(97);
       change.run(scratch.path(), 1);
     });

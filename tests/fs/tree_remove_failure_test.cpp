@@ -85,7 +85,7 @@ TEST(RmTreeAux, ReportsADirectoryThatResists) {
   const auto outcome = in_child([&] {
     testsupport::enter_private_mounts();
     const std::string sub = scratch / "busy/sub";
-    if (mount(sub.c_str(), sub.c_str(), nullptr, MS_BIND, nullptr) != 0) _exit(97);
+    if (mount(sub.c_str(), sub.c_str(), "none", MS_BIND, nullptr) != 0) _exit(97);
     _exit(kReturned + rm_tree_aux((scratch / "busy").c_str(), 1, 0));
   });
   EXPECT_EQ(outcome,

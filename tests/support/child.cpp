@@ -6,6 +6,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -55,6 +56,13 @@ class MemoryFile {
  private:
   int fd_;
 };
+
+/// How many descriptors this process could have had when it was started.
+const rlim_t kMostDescriptors = [] {
+  rlimit limit = {RLIM_INFINITY, RLIM_INFINITY};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  return limit.rlim_max;
+}();
 
 void set_up_child(const RunOptions& options, int in, int out, int err) {
   if (dup2(in, 0) < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0) _exit(97);
@@ -120,7 +128,9 @@ std::vector<int> open_descriptors() {
   while (const dirent* entry = readdir(stream)) {
     if (entry->d_name[0] == '.') continue;
     const int number = atoi(entry->d_name);
-    if (number != dirfd(stream)) numbers.push_back(number);
+    // valgrind keeps its own beyond those that it lets the program have.
+    if (number == dirfd(stream) || static_cast<rlim_t>(number) >= kMostDescriptors) continue;
+    numbers.push_back(number);
   }
   closedir(stream);
   std::sort(numbers.begin(), numbers.end());

@@ -51,7 +51,7 @@ void provide(const fs::path& place, const fs::path& layered) {
 
 void enter_private_mounts() {
   require(unshare(CLONE_NEWNS) == 0, "unsharing the mount namespace (root is needed)");
-  require(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0,
+  require(mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) == 0,
           "making the mounts private");
   mount_memory("/mnt");
   provide("/etc/oxa", "/etc");
@@ -66,7 +66,7 @@ void mount_file_over(const std::string& place, const std::string& content) {
   require(fd >= 0 && close(fd) == 0, file);
   write_file(file, content);
   // It stays: nothing can be mounted on a file that was removed.
-  require(mount(file.c_str(), place.c_str(), nullptr, MS_BIND, nullptr) == 0,
+  require(mount(file.c_str(), place.c_str(), "none", MS_BIND, nullptr) == 0,
           "mounting a file on " + place);
 }
 

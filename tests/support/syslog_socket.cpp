@@ -26,7 +26,7 @@ constexpr size_t kLargestDatagram = 65536;
 
 /// Everything is done by hand here: the child has no "/dev" but the one that it makes.
 void move_into_own_dev(int log_socket) {
-  if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+  if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) != 0)
     give_up("a mount namespace (root is needed)");
   if (mount("tmpfs", "/dev", "tmpfs", 0, "mode=0755") != 0) give_up("mounting tmpfs on /dev");
   sockaddr_un address = {};

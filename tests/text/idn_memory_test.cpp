@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "support/allocations.h"
@@ -18,6 +19,11 @@ using testsupport::fail_allocations;
 using testsupport::in_child;
 using testsupport::Outcome;
 using testsupport::stop_failing_allocations;
+
+struct Free {
+  void operator()(char* text) const { free(text); }
+};
+using Owned = std::unique_ptr<char, Free>;
 
 constexpr int kAllSucceeded = 96;
 
@@ -54,7 +60,7 @@ int count_ends(const std::function<void()>& conversion,
 TEST(IdnToasciiWithoutMemory, EndsTheProcess) {
   const int ends = count_ends([] {
     idn_errno = 0;
-    const char* ascii = idn_toascii("b\u00fccher.\u00fc.example");
+    const Owned ascii(idn_toascii("b\u00fccher.\u00fc.example"));
     // The library tells some of its failures to allocate by other codes than 201.
     if ((ascii == nullptr) != (idn_errno == 1 || idn_errno == 2 || idn_errno == 9)) _exit(2);
   });
@@ -64,7 +70,7 @@ TEST(IdnToasciiWithoutMemory, EndsTheProcess) {
 TEST(IdnToutf8WithoutMemory, EndsTheProcess) {
   const int ends = count_ends([] {
     idn_errno = 0;
-    const char* utf8 = idn_toutf8("xn--bcher-kva.xn--tda.example");
+    const Owned utf8(idn_toutf8("xn--bcher-kva.xn--tda.example"));
     if ((utf8 == nullptr) != (idn_errno == 9)) _exit(2);
   });
   EXPECT_GT(ends, 0);
@@ -110,8 +116,9 @@ TEST(IdnUrlToasciiWithoutMemory, ReportsAMatchThatFailsAndGoesOn) {
 TEST(IdnEmailToasciiWithoutMemory, EndsTheProcessWhenTheAddressCannotBeFormatted) {
   const int ends = count_ends(
       [] {
-        const char* ascii = idn_email_toascii("user@example");
-        if (strcmp(ascii, "user@example") != 0 && strcmp(ascii, "user@(null)") != 0) _exit(2);
+        const Owned ascii(idn_email_toascii("user@example"));
+        if (strcmp(ascii.get(), "user@example") != 0 && strcmp(ascii.get(), "user@(null)") != 0)
+          _exit(2);
       },
       "Cannot allocate memory: Cannot allocate memory\n"
       "System error 12: Cannot allocate memory\n");
