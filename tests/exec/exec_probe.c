@@ -22,14 +22,14 @@ static int list(const char* path) {
   FILE* file = strcmp(path, "-") == 0 ? stdout : fopen(path, "w");
   if (file == NULL) return 96;
   fputs(text, file);
-  return fflush(file) == 0 ? 0 : 96;
+  return fclose(file) == 0 ? 0 : 96;
 }
 
 static int show_arguments(const char* path, int count, char** arguments) {
   FILE* file = strcmp(path, "-") == 0 ? stdout : fopen(path, "w");
   if (file == NULL) return 96;
   for (int i = 0; i < count; ++i) fprintf(file, "%s\n", arguments[i]);
-  return fflush(file) == 0 ? 0 : 96;
+  return fclose(file) == 0 ? 0 : 96;
 }
 
 /* Byte i of either stream is i modulo PERIOD, so that lost and repeated bytes show. */

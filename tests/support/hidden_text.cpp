@@ -1,14 +1,14 @@
 #include "support/hidden_text.h"
 
 #include <fcntl.h>
-#include <inttypes.h>
-#include <stdio.h>
+#include <stdint.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <fstream>
 #include <random>
+#include <sstream>
 #include <stdexcept>
 
 namespace testsupport {
@@ -123,10 +123,11 @@ size_t HiddenText::copies_of_the_word() const {
   for (std::string line; std::getline(maps, line);) {
     uint64_t begin = 0;
     uint64_t end = 0;
-    char permissions[5] = "";
-    if (sscanf(line.c_str(), "%" SCNx64 "-%" SCNx64 " %4s", &begin, &end, permissions) != 3)
+    char dash = 0;
+    std::string permissions;
+    if (!(std::istringstream(line) >> std::hex >> begin >> dash >> end >> permissions))
       throw std::runtime_error("cannot read own mappings");
-    if (strncmp(permissions, "rw", 2) != 0 || end - begin > kLargestMapping) continue;
+    if (permissions.rfind("rw", 0) != 0 || end - begin > kLargestMapping) continue;
     copies += copies_in_mapping(window, begin, end, disguised_word_);
   }
   return copies;
