@@ -76,6 +76,18 @@ TEST_F(SetupSkeleton, GivesTheSkeletonsModesWhateverAccessIsInherited) {
 
 // The group comes after the mode, and takes the set-id bits of a program away; set-group-ID on a
 // file that the group may not execute means something else, and stays.
+TEST_F(SetupSkeleton, LeavesTheMaskAndTheWorkingDirectoryOfItsCaller) {
+  write_file(skeleton("httpdocs/img/logo.png"), "");
+  fs::create_directory(root("elsewhere"));
+  const auto outcome = testsupport::in_child([&] {
+    umask(0137);
+    fs::current_path(root("elsewhere"));
+    deployHere();
+    std::cout << std::oct << umask(0) << " " << (fs::current_path() == root("elsewhere"));
+  });
+  EXPECT_EQ(outcome.out, "0\n137 1");
+}
+
 TEST_F(SetupSkeleton, LosesTheSetIdBitsOfPrograms) {
   write_file(skeleton("cgi-bin/both"), "", 06755);
   write_file(skeleton("cgi-bin/user"), "", 04711);
