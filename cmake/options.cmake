@@ -9,7 +9,7 @@ target_link_options(tembrix_options INTERFACE -Wl,--as-needed -Wl,-z,relro -Wl,-
 # What is installed is hardened. Checked on the built files by Install.HasHardenedPrograms.
 include(CheckPIESupported)
 check_pie_supported()
-set(release $<CONFIG:Release>)
+set(release $<CONFIG:Release,RelWithDebInfo,MinSizeRel>)
 target_compile_definitions(tembrix_options INTERFACE $<${release}:_FORTIFY_SOURCE=3>)
 target_compile_options(tembrix_options INTERFACE
   $<${release}:-fstack-protector-strong> $<${release}:-fstack-clash-protection>)

@@ -43,7 +43,7 @@ struct SwapCounts {
   long swaps = 0;  ///< that were made while the routine ran, and not before or after it
 };
 
-/// Runs the routine again and again while another process swaps all pairs in turn without a pause,
+/// Runs the routine again and again while another process swaps all pairs in turn, in bursts,
 /// until `swaps` swaps and `runs` runs were made, or two minutes are over. The result of the
 /// routine does not matter: it may well meet a link where a directory was. Expects the victim to be
 /// exactly as it was after each run; the first harm ends it. The caller asserts the counts.
