@@ -68,6 +68,7 @@ TEST(TreeWalks, AskForNoMemoryForEachEntry) {
 }
 
 TEST(TreeSetPerms, MakesFourCallsForAFileAndSixteenForADirectory) {
+  if (!fstest::has_fchmodat2()) GTEST_SKIP() << "the kernel has no fchmodat2()";
   const Cost cost = cost_of("perms");
   EXPECT_EQ(cost.per_files, 4L * kFiles * (1 + kDirs));
   EXPECT_EQ(cost.per_dirs, 16L * kDirs);
@@ -118,6 +119,7 @@ TEST(ChmodTree, TriesTheCallOfItsOwnNoMoreOnceItIsRefused) {
 }
 
 TEST(ChmodTree, DoesNotTakeARefusalOfOneEntryForOneOfTheCall) {
+  if (!fstest::has_fchmodat2()) GTEST_SKIP() << "the kernel has no fchmodat2()";
   const ScratchDir scratch;
   write_file(scratch / "top/file", "");
   ASSERT_TRUE(testsupport::set_immutable(scratch / "top/file", true));

@@ -1,5 +1,6 @@
 #include "tree_support.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
@@ -40,6 +41,10 @@ std::string report(const std::string& text, const std::string& name, int error) 
 
 testsupport::Outcome ended(int exit_code, const std::string& reports) {
   return {reports, reports, exit_code << 8};
+}
+
+bool has_fchmodat2() {
+  return syscall(kFchmodat2, AT_FDCWD, "", 0, ~0U) == 0 || errno != ENOSYS;
 }
 
 void refuse_fchmodat2(int error) {

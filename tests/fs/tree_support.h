@@ -36,6 +36,10 @@ std::string report(const std::string& text, const std::string& name, int error);
 /// How a child ends that has written `reports` to both streams.
 testsupport::Outcome ended(int exit_code, const std::string& reports);
 
+/// Whether the kernel has the call that changes modes without following links (Linux 6.6 and
+/// later).
+bool has_fchmodat2();
+
 /// From now on the system call that changes modes without following links fails in this process and
 /// those that it starts: with ENOSYS as where the kernel lacks it, with EPERM as under filters that
 /// are older than the call.
