@@ -33,7 +33,7 @@ Outcome with_link_put_at(const std::string& scratch, const std::string& entry,
     fs::rename(entry, entry + ".aside");
     fs::create_symlink(outside, entry);
   };
-  const Outcome outcome = testsupport::in_child_stopped_at(before, swap, walk);
+  Outcome outcome = testsupport::in_child_stopped_at(before, swap, walk);
   EXPECT_EQ(tree_listing(outside), listed);
   fs::remove_all(entry + ".aside");
   return outcome;

@@ -138,7 +138,7 @@ TEST_F(SetupSkeletonInARace, PassesNoLinkThatGetsIntoTheSite) {
 TEST_F(SetupSkeletonInARace, LeavesTheModeOfAnothersDirectoryAlone) {
   fs::create_directories(skeleton("conf/sub"));
   ASSERT_EQ(chmod(skeleton("conf/sub").c_str(), 0777), 0);
-  for (const mode_t mode : {0700, 0755}) {
+  for (const mode_t mode : {0700U, 0755U}) {
     fs::remove_all(root("example.com"));
     const auto put_theirs = [&] {
       fs::rename(host("conf/sub"), host("conf/sub.moved"));
@@ -190,7 +190,7 @@ TEST_F(SetupSkeletonInARace, MakesNoDirectoryMoreOpenThanItWillBe) {
 }
 
 TEST_F(SetupSkeletonInARace, MakesNoFileMoreOpenThanItWillBe) {
-  for (const mode_t mode : {0600, 0640, 0004}) {
+  for (const mode_t mode : {0600U, 0640U, 0004U}) {
     write_file(skeleton("conf/file"), "secret", mode);
     fs::remove_all(root("example.com"));
     EXPECT_EQ(deployStoppedAt(kOpeningOfOriginalFile, [] { noteModeOf(host("conf/file")); }),
