@@ -82,6 +82,19 @@ constexpr std::array<Report, 57> kReports{{
     {"alloc(", Then::kEnds},
 }};
 
+/// What else the program writes on standard error when none of its children does.
+constexpr std::array<std::string_view, 9> kLines{{
+    "tembrix: ",
+    "System error ",
+    "waitpid(",
+    "fork before spawning '",
+    "Failed to open ",
+    "fork_execv: execv(",
+    "fork_execv: dup() failed: ",
+    "fork_exec*: read(pipe) failed: ",
+    "Not enough memory to allocate Frask runtime configuration structure",
+}};
+
 constexpr std::string_view kRefused = "Unsuccessfull execution of command '";
 
 bool begins(std::string_view line, std::string_view beginning) {
@@ -112,6 +125,13 @@ Lines reports_in(const std::string& text) {
   for (const std::string& line : lines_of(text))
     if (begins(line, prefix)) reports.push_back(line.substr(prefix.size()));
   return reports;
+}
+
+/// A report that ends in a newline is followed by an empty line.
+bool is_line_of_the_program(const std::string& line) {
+  return line.empty() || std::any_of(kLines.begin(), kLines.end(), [&line](std::string_view known) {
+           return begins(line, known);
+         });
 }
 
 bool is_number(const std::string& line) {
@@ -207,6 +227,10 @@ Verdict verdict_of_tool(const Outcome& outcome, const Road& road, const CallFaul
   const Lines& reports = said.size() >= shown.size() ? said : shown;
   for (const std::string& report : reports)
     if (report_of(report) == nullptr) return wrong("writes an undocumented report");
+  const Lines errors = lines_of(outcome.err);
+  if (!reaches_children(fault) &&
+      !std::all_of(errors.begin(), errors.end(), is_line_of_the_program))
+    return wrong("writes an undocumented line");
   const Lines lines = lines_of(outcome.out);
   const int answer = code == 255 ? -1 : code;
   const bool known = road.answers.count(answer) != 0;
