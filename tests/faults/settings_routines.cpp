@@ -42,7 +42,7 @@ std::string with_variable(size_t length, Use use) {
   ConfR* conf = new_table();
   const std::string value(length, 'v');
   const int result = conf_set_r("NAME", value.c_str(), conf);
-  const std::string used = result == 0 ? use(conf) : "not set";
+  std::string used = result == 0 ? use(conf) : "not set";
   conf_free_r(conf);
   return used;
 }
@@ -67,7 +67,7 @@ template <typename Query>
 std::string queried(Query query) {
   MYSQL* connection = db_connect();
   if (connection == nullptr) return "no connection";
-  const std::string value = text(query(connection));
+  std::string value = text(query(connection));
   mysql_close(connection);
   return value;
 }
