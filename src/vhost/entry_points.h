@@ -70,6 +70,7 @@ FRASK_API int setup_skeleton_on_subdomain(const char* domain, const char* subdom
  * stays, with its directory.
  *
  * @return 0, whatever happened
+ * @throws std::bad_alloc
  */
 FRASK_API int clean_docroot(const char* vhostDir, const DocrootCleanOptions* options);
 

@@ -19,7 +19,6 @@ using testsupport::CallFault;
 using testsupport::FaultedRun;
 using testsupport::Outcome;
 using testsupport::run_with_fault;
-using Lines = std::vector<std::string>;
 
 namespace faults {
 namespace {
@@ -32,6 +31,8 @@ bool is_left_out(long number) {
     case SYS_exit_group:
     case SYS_rt_sigreturn:
     case SYS_restart_syscall:
+    case SYS_getpid:
+    case SYS_umask:
     case SYS_futex:
     case SYS_rt_sigprocmask:
     case SYS_rt_sigaction:
@@ -54,17 +55,15 @@ int occurrence(const std::vector<long>& calls, size_t index) {
   return static_cast<int>(std::count(calls.begin(), end, calls[index]));
 }
 
-Outcome run_once(const Road& road, const CallFault& fault, FaultedRun& run) {
+testsupport::RunOptions options_of(const Road& road) {
   testsupport::RunOptions options;
   options.input = road.input;
-  run = run_with_fault(road.words, fault, options);
-  return run.outcome;
+  options.directory = road.directory;
+  return options;
 }
 
 Outcome run_clean(const Road& road) {
-  testsupport::RunOptions options;
-  options.input = road.input;
-  return testsupport::run(road.words, options);
+  return testsupport::run(road.words, options_of(road));
 }
 
 Lines state_of(const Road& road) {
@@ -86,20 +85,29 @@ std::string difference(const Lines& expected, const Lines& found) {
   return "";
 }
 
+Lines sorted(Lines lines) {
+  std::sort(lines.begin(), lines.end());
+  return lines;
+}
+
 /// What a clean run leaves, and what lies around it.
 class Bench {
  public:
   explicit Bench(const Road& road) : road_(road) {
     road.prepare();
-    FaultedRun run;
-    clean_outcome_ = run_once(road, {}, run);
+    fresh_state_ = state_of(road);
+    const FaultedRun run = run_with_fault(road.words, {}, options_of(road));
+    clean_outcome_ = run.outcome;
     calls_ = run.calls;
     clean_state_ = state_of(road);
     outside_ = Stage::outside();
     road.prepare();
-    if (run_clean(road).status != clean_outcome_.status || state_of(road) != clean_state_)
-      throw std::runtime_error(road.name +
-                               " is another thing when it is followed: " + clean_outcome_.err);
+    if (!(run_clean(road) == clean_outcome_) || state_of(road) != clean_state_)
+      fail("is another thing when it is followed");
+    SweepResult result;
+    if (const std::string complaint = look(clean_outcome_, kSurroundings, result);
+        !complaint.empty())
+      fail("has a clean run that is none: " + complaint);
   }
 
   const std::vector<std::vector<long>>& calls() const { return calls_; }
@@ -107,12 +115,11 @@ class Bench {
   /// Runs with the fault; false where the call was not made.
   bool try_fault(const CallFault& fault, SweepResult& result) {
     road_.prepare();
-    FaultedRun run;
-    const Outcome outcome = run_once(road_, fault, run);
+    const FaultedRun run = run_with_fault(road_.words, fault, options_of(road_));
     if (!run.met) return false;
-    std::string complaint =
-        run.timed_out ? "does not end" : look(outcome, fault.error == 0, fault.number, result);
-    if (complaint.empty()) complaint = look_again();
+    result.errors.insert(fault.error);
+    std::string complaint = run.timed_out ? "does not end" : look(run.outcome, fault, result);
+    if (complaint.empty()) complaint = look_again(fault);
     if (!complaint.empty()) result.complaints.push_back(where(fault) + complaint);
     return true;
   }
@@ -124,9 +131,23 @@ class Bench {
     const Outcome outcome = run_clean(road_);
     mend();
     ++result.faults;
-    std::string complaint = look(outcome, false, -1, result);
-    if (complaint.empty()) complaint = look_again();
+    std::string complaint = look(outcome, kSurroundings, result);
+    if (complaint.empty() && road_.state.empty() && !(outcome == clean_outcome_))
+      complaint = "has nothing to write there, and ends otherwise\n" + text_of(outcome);
+    if (complaint.empty()) complaint = look_again(kSurroundings);
     if (!complaint.empty()) result.complaints.push_back(road_.name + ": " + complaint);
+  }
+
+  void run_unheard(SweepResult& result) {
+    road_.prepare();
+    const Outcome outcome = testsupport::run(unheard(road_.words), options_of(road_));
+    ++result.faults;
+    ++result.outcomes["unheard"];
+    const std::string lack = difference(clean_state_, state_of(road_));
+    if (outcome.status != clean_outcome_.status || outcome.err != clean_outcome_.err)
+      result.complaints.push_back(road_.name + ": ends otherwise\n" + text_of(outcome));
+    else if (!lack.empty())
+      result.complaints.push_back(road_.name + ": leaves a state " + lack);
   }
 
  private:
@@ -138,41 +159,51 @@ class Bench {
     return text.str();
   }
 
-  std::string look(const Outcome& outcome, bool killed, long number, SweepResult& result) {
-    const Verdict verdict = killed            ? Verdict{"killed", ""}
-                            : road_.is_tool() ? verdict_of_tool(outcome, road_.results, number)
-                                              : verdict_of_routine(outcome, number);
+  [[noreturn]] void fail(const std::string& what) const {
+    throw std::runtime_error(road_.name + " " + what + "\n" + text_of(clean_outcome_));
+  }
+
+  static std::string text_of(const Outcome& outcome) {
+    std::ostringstream text;
+    text << outcome;
+    return text.str();
+  }
+
+  static bool is_kill(const CallFault& fault) { return fault.process >= 0 && fault.error == 0; }
+
+  std::string look(const Outcome& outcome, const CallFault& fault, SweepResult& result) {
+    const Verdict verdict = is_kill(fault)    ? Verdict{"killed", ""}
+                            : road_.is_tool() ? verdict_of_tool(outcome, road_, fault)
+                                              : verdict_of_routine(outcome, road_, fault);
     ++result.outcomes[verdict.kind];
-    if (!verdict.complaint.empty()) {
-      std::ostringstream text;
-      text << verdict.complaint << "\n" << outcome;
-      return text.str();
-    }
+    if (!verdict.complaint.empty()) return verdict.complaint + "\n" + text_of(outcome);
     if (const std::string harm = difference(outside_, Stage::outside()); !harm.empty())
       return "outside is changed: " + harm;
-    if (!killed && road_.claims_all(outcome))
-      if (const std::string lack = difference(clean_state_, state_of(road_)); !lack.empty()) {
-        std::ostringstream text;
-        text << "claims to be done, but its state is " << lack << "\n" << outcome;
-        return text.str();
-      }
+    if (!is_kill(fault) && road_.claims_all(outcome))
+      if (const std::string lack = difference(clean_state_, state_of(road_)); !lack.empty())
+        return "claims to be done, but its state is " + lack + "\n" + text_of(outcome);
     return "";
   }
 
-  std::string look_again() {
+  /// Without a state there is nothing that a fault could have left: all else has been compared.
+  std::string look_again(const CallFault& fault) {
     if (road_.state.empty()) return "";
-    if (!road_.is_tool()) road_.prepare();
+    Again expected{"", clean_state_, lines_of(clean_outcome_.err)};
+    if (road_.again) expected = road_.again(state_of(road_), fresh_state_, clean_state_);
+    if (!expected.complaint.empty() && !is_kill(fault)) return expected.complaint;
     const Outcome outcome = run_clean(road_);
-    std::ostringstream text;
-    if (outcome.status != clean_outcome_.status)
-      text << "afterwards a run without a fault ends otherwise\n" << outcome;
-    else if (const std::string lack = difference(clean_state_, state_of(road_)); !lack.empty())
-      text << "afterwards a run without a fault leaves a state " << lack;
-    return text.str();
+    if (outcome.status != clean_outcome_.status || outcome.out != clean_outcome_.out)
+      return "afterwards a run without a fault ends otherwise\n" + text_of(outcome);
+    if (sorted(lines_of(outcome.err)) != sorted(expected.reports))
+      return "afterwards a run without a fault reports otherwise\n" + text_of(outcome);
+    if (const std::string lack = difference(expected.state, state_of(road_)); !lack.empty())
+      return "afterwards a run without a fault leaves a state " + lack;
+    return "";
   }
 
   const Road& road_;
   Outcome clean_outcome_;
+  Lines fresh_state_;
   Lines clean_state_;
   Lines outside_;
   std::vector<std::vector<long>> calls_;
@@ -190,25 +221,36 @@ SweepResult sweep(const Road& road, const SweepOptions& options) {
   SweepResult result;
   int own = 0;
   int others = 0;
+  const auto try_one = [&](size_t process, size_t call, int error) {
+    const std::vector<long>& calls = bench.calls()[process];
+    const CallFault fault{static_cast<int>(process), calls[call], occurrence(calls, call), error};
+    ++(bench.try_fault(fault, result) ? result.faults : result.missed);
+  };
   for (size_t process = 0; process < bench.calls().size(); ++process) {
     const std::vector<long>& calls = bench.calls()[process];
+    const bool is_own = process == road.own_process;
     for (size_t call = 0; call < calls.size(); ++call) {
       if (is_left_out(calls[call])) continue;
       ++result.calls;
-      if (process == 0) ++result.own_calls;
+      if (is_own) ++result.own_calls;
       // Step by step through the errors first: with a step that has no factor in common with their
       // number, every call has its turn with one of them, and so has every error.
       for (const int error : options.errors) {
-        const bool chosen = process == 0 ? (own++ + options.phase) % options.own_step == 0
-                                         : (others++ + options.phase) % options.child_step == 0;
+        const bool chosen = is_own ? (own++ + options.phase) % options.own_step == 0
+                                   : (others++ + options.phase) % options.child_step == 0;
         if (!chosen || !can_give(calls[call], error)) continue;
         if (!options.go_on()) return result;
-        const CallFault fault{static_cast<int>(process), calls[call], occurrence(calls, call),
-                              error};
-        ++(bench.try_fault(fault, result) ? result.faults : result.missed);
+        try_one(process, call, error);
       }
     }
   }
+  if (result.faults > 0 || result.own_calls == 0) return result;
+  // A road of one or two calls, and not with the errors that were chosen: its last call does.
+  const std::vector<long>& calls = bench.calls()[road.own_process];
+  for (size_t call = calls.size(); call-- > 0 && result.faults == 0;)
+    for (const int error : options.errors)
+      if (!is_left_out(calls[call]) && can_give(calls[call], error) && result.faults == 0)
+        try_one(road.own_process, call, error);
   return result;
 }
 
@@ -218,10 +260,10 @@ SweepResult kill_sweep(const Road& road, int step) {
   for (size_t process = 0; process < bench.calls().size(); ++process) {
     const std::vector<long>& calls = bench.calls()[process];
     result.calls += static_cast<int>(calls.size());
-    if (process == 0) result.own_calls = static_cast<int>(calls.size());
+    if (process == road.own_process) result.own_calls = static_cast<int>(calls.size());
     for (size_t call = 0; call < calls.size(); call += static_cast<size_t>(step))
       for (const bool all : {false, true}) {
-        if (process != 0 && !all) continue;
+        if (process != road.own_process && !all) continue;
         const CallFault fault{static_cast<int>(process), calls[call], occurrence(calls, call), 0,
                               all};
         ++(bench.try_fault(fault, result) ? result.faults : result.missed);
@@ -234,6 +276,17 @@ SweepResult run_spoilt(const Road& road, const std::function<void()>& spoil,
                        const std::function<void()>& mend) {
   SweepResult result;
   Bench(road).run_spoilt(spoil, mend, result);
+  return result;
+}
+
+std::vector<std::string> unheard(std::vector<std::string> words) {
+  words.insert(words.begin(), {"/bin/sh", "-c", "exec \"$0\" \"$@\" >/dev/full"});
+  return words;
+}
+
+SweepResult run_unheard(const Road& road) {
+  SweepResult result;
+  Bench(road).run_unheard(result);
   return result;
 }
 

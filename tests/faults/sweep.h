@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -29,14 +30,16 @@ struct SweepResult {
   int own_calls = 0;                    ///< of them, the program's own
   int faults = 0;                       ///< runs in which a call failed
   int missed = 0;                       ///< in which it was not made: the order of calls varies
+  std::set<int> errors;                 ///< what the calls gave; 0 where the program was killed
   std::map<std::string, int> outcomes;  ///< how those ended
   std::vector<std::string> complaints;  ///< what must not be
 };
 
-/// Each call fails as the options say; what is expected of every run:
-/// it ends by itself, with one of the documented results and messages; nothing outside is touched;
-/// no descriptor is left open by a routine; what claims to have done all has; and where there is a
-/// state, a run without a fault behind it leaves that of a clean place.
+/// Each call fails as the options say, or at least one of the road's own; what is expected of every
+/// run: it ends by itself, with one of the documented results and messages; nothing outside is
+/// touched; a routine has the descriptors that it had, and no others; what claims to have done all
+/// has; and where there is a state, a run without a fault on what was left comes to what a clean
+/// one does, its output and its reports included, or to what the road says instead.
 SweepResult sweep(const Road& road, const SweepOptions& options);
 
 /// Kills the program, or all of its processes, at every `step`-th call of it, and expects of the
@@ -44,9 +47,15 @@ SweepResult sweep(const Road& road, const SweepOptions& options);
 SweepResult kill_sweep(const Road& road, int step);
 
 /// Runs once with something wrong that `spoil` brings about and `mend` takes away, and expects the
-/// same.
+/// same. What has no state must not even notice.
 SweepResult run_spoilt(const Road& road, const std::function<void()>& spoil,
                        const std::function<void()>& mend);
+
+/// A command with standard output on a device that takes nothing.
+std::vector<std::string> unheard(std::vector<std::string> words);
+
+/// Runs once so, and expects the status, the reports and the state of a clean run.
+SweepResult run_unheard(const Road& road);
 
 /// A line for a table.
 std::string summary(const Road& road, const SweepResult& result);
