@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "conf/oxaconf.h"
+#include "exec/keep_errno.private.h"
 #include "fs/descent.private.h"
 #include "fs/dir_stream.h"
 #include "fs/tree.h"
@@ -128,12 +129,20 @@ bool may_keep(const char* name, const char* client_id) {
   return strcmp(name, "conf") != 0 || strcmp(client_id, "0") == 0;
 }
 
+/// An entry that cannot be removed, as a named pipe, ends the walk wherever the listing has it, and
+/// the store stays. What the client may never supply must be gone by then.
+void remove_unsupplied_conf(const char* client_id) {
+  const frask::KeepErrno keep;
+  if (!may_keep("conf", client_id)) rm_tree("conf", 1);
+}
+
 /// Leaves the current directory above the store.
 void prune_store(const char* store, const char* client_id) {
   DirStream directory;
   if (!directory.open(AT_FDCWD, store))
     messlog2(1, 1, "Problems with opening directory '%s': %s", store, strerror(errno));
   change_into(directory, store);
+  remove_unsupplied_conf(client_id);
   while (const DirStream::Entry* entry = directory.next()) {
     if (may_keep(entry->d_name, client_id))
       remove_forbid_entries(entry->d_name);

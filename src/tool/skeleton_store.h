@@ -29,14 +29,18 @@ FRASK_API extern const char* const forbidden_subs_entry[2];
  *
  * ".skel" must exist. A failed extraction is reported and tolerated: the store then holds whatever
  * was unpacked. Any other failure is reported and ends the process with status 1, the store being
- * partly built. The working directory is ".skel" afterwards.
+ * partly built, but never with a "conf" that the client may not supply. The working directory is
+ * ".skel" afterwards.
+ *
+ * The id is taken as it is: one from a stranger has to be checked for being a plain directory name.
  *
  * @return 0
  */
 FRASK_API int installSkeleton(const ArchiveDescriptor* archive, const char* client_id);
 
 /**
- * Removes a client's skeleton; that there is none is no error.
+ * Removes a client's skeleton; that there is none is no error. The id is taken as it is, as by
+ * installSkeleton().
  *
  * @return 0; a failure is reported and ends the process with status 1
  */

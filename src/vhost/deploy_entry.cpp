@@ -29,6 +29,11 @@ constexpr uid_t kUnchangedOwner = static_cast<uid_t>(-1);
 /// Nothing lies there and nothing can be created: every call gives ENOENT.
 constexpr Place kNowhere = {-1, ""};
 
+bool hasHoles(const struct stat& st) {
+  constexpr off_t kBlock = 512;  // of st_blocks (POSIX leaves it open, Linux has no other)
+  return st.st_blocks < st.st_size / kBlock;
+}
+
 std::string pathOf(const ConfinedDirectory& directory, const char* below) {
   return *below == '\0' ? directory.base() : joinedPaths(directory.base(), below);
 }
@@ -190,7 +195,10 @@ bool EntryDeployer::createFile(const Found& original, const Target& target) {
   }
   const UniqueFd from(::openat(original.place.dir_fd, original.place.name,
                                O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-  if (from) copier_.copy(from.get(), to.get(), original.st.st_size);
+  if (from && hasHoles(original.st))
+    copier_.copyWithHoles(from.get(), to.get());
+  else if (from)
+    copier_.copy(from.get(), to.get(), original.st.st_size);
   setModeAndGroup(to.get(), original.st.st_mode);
   return true;
 }

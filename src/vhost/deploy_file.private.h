@@ -25,7 +25,13 @@ class FileCopier {
   /// @param expected  the size of a regular file, which saves the look whether there is more
   void copy(int from, int to, off_t expected);
 
+  /// The same for a whole regular file that has holes: they become holes again. Written out, a
+  /// skeleton of a few bytes would fill the file system of the sites.
+  void copyWithHoles(int from, int to);
+
  private:
+  bool copyRange(int from, int to, off_t expected, off_t limit);
+
   std::string siteName_;
   std::unique_ptr<char[]> piece_;
   std::string replaced_;

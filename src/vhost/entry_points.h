@@ -103,9 +103,10 @@ FRASK_API void wido_delete_instance(const char* vhostDir, const DocrootCleanOpti
  *
  * The copy has the file's mode, set-ID bits included, as the standard library's copy gives it, and
  * is the caller's own; its group is that of new files in its directory. The file itself stays in
- * place. Links are followed, and a named pipe is waited for: call it for files in directories that
- * only the panel writes to. A failed backup is logged through frask_log with priority 3 and does
- * not stop the caller; the name that was reserved for it stays, in most cases as an empty file.
+ * place. Links are followed: call it for files in directories that only the panel writes to. A
+ * failed backup is logged through frask_log with priority 3 and does not stop the caller; the name
+ * that was reserved for it stays, in most cases as an empty file. So it is with pipes and devices,
+ * which cannot be copied and are neither read nor waited for.
  *
  * Deliberate: in a process whose standard input is closed every backup fails that way, because
  * descriptor 0 counts as a failure. Pinned by CopyIfNoDontedit.TakesDescriptor0ForAFailure.

@@ -130,7 +130,10 @@ namespace {
 /// @throws SystemError for a file that cannot be read, ExSystemError<ENOENT> for none
 void protect(const char* path) {
   const HoldingDirectory directory(path);
-  const FileContent content = readFileAndMode(directory.fd(), directory.nameOf(path), path);
+  // Whoever may write to the directory could put a pipe there to hold the caller, or a link to a
+  // device that never ends. Neither can be copied.
+  const FileContent content =
+      readFileAndMode(directory.fd(), directory.nameOf(path), path, Streams::kLeaveUnread);
   if (content.bytes.find(kBanner) != std::string::npos) return;
   // By now it may have been moved away: what bears the name is not about to be lost then.
   if (exists(directory, path)) backUpOrLog(path, content, directory);

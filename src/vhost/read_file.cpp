@@ -49,18 +49,18 @@ std::size_t takeSome(std::istream& in, char* buffer, std::size_t room) {
 
 }  // namespace
 
-FileContent readFileAndMode(const std::string& path) {
-  return readFileAndMode(AT_FDCWD, path.c_str(), path);
-}
-
-FileContent readFileAndMode(int dir_fd, const char* name, const std::string& path) {
-  const UniqueFd fd(::openat(dir_fd, name, O_RDONLY | O_CLOEXEC));
+FileContent readFileAndMode(int dir_fd, const char* name, const std::string& path,
+                            Streams streams) {
+  const bool all = streams == Streams::kRead;
+  const int waiting = all ? 0 : O_NONBLOCK | O_NOCTTY;
+  const UniqueFd fd(::openat(dir_fd, name, O_RDONLY | O_CLOEXEC | waiting));
   struct stat st = {};
   if (!fd || ::fstat(fd.get(), &st) != 0) {
     const int error = errno;
     throwSystemError(path + ": open failed", error);
   }
   FileContent content{{}, st.st_mode};
+  if (!all && !S_ISREG(st.st_mode)) return content;
   const auto expected = S_ISREG(st.st_mode) ? static_cast<std::size_t>(st.st_size) : 0;
   readToEnd(content.bytes, expected,
             [&](char* buffer, std::size_t room) { return readSome(fd.get(), buffer, room, path); });
@@ -68,7 +68,7 @@ FileContent readFileAndMode(int dir_fd, const char* name, const std::string& pat
 }
 
 std::string readFile(const std::string& path) {
-  return readFileAndMode(path).bytes;
+  return readFileAndMode(AT_FDCWD, path.c_str(), path, Streams::kRead).bytes;
 }
 
 std::string readFile(std::istream& in) {

@@ -13,11 +13,13 @@ struct FileContent {
   mode_t mode;  ///< of what was opened, its type included
 };
 
-/// readFile() by name, and the mode of the very file that was read.
-FileContent readFileAndMode(const std::string& path);
+/// What to do with pipes and devices, which may keep their reader waiting or never end.
+enum class Streams { kRead, kLeaveUnread };
 
-/// The same of the file `name` in a directory (or AT_FDCWD); `path` is for the messages alone.
-FileContent readFileAndMode(int dir_fd, const char* name, const std::string& path);
+/// readFile() of the file `name` in a directory (or AT_FDCWD), and the mode of the very file that
+/// was read; `path` is for the messages alone. What is left unread is opened without waiting, and
+/// empty.
+FileContent readFileAndMode(int dir_fd, const char* name, const std::string& path, Streams streams);
 
 }  // namespace frask
 

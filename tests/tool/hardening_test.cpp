@@ -63,6 +63,14 @@ std::vector<unsigned long long> capability_sets(const std::string& lines) {
   return sets;
 }
 
+Lines lines_of(const std::string& text) {
+  Lines lines;
+  for (size_t begin = 0, end = 0; (end = text.find('\n', begin)) != std::string::npos;
+       begin = end + 1)
+    lines.push_back(text.substr(begin, end - begin));
+  return lines;
+}
+
 class Hardening : public StoreTest {
  protected:
   void SetUp() override {
@@ -92,6 +100,24 @@ class Hardening : public StoreTest {
     return read_file(at("seen"));
   }
 
+  /// What a program that makes system calls by itself says of those whose names hold some text.
+  Lines lines_of_system_caller(const std::string& calls) const {
+    fs::create_directory(at("bin"));
+    fs::copy_file(SYSTEM_CALLER, at("bin/tar"));
+    EXPECT_EQ(prepared(
+                  [this] {
+                    use_own_tools();
+                    fs::current_path(at(""));
+                  },
+                  {"--install-skel", "--filename", at("skel.tar"), "--id", "7"}),
+              answer(0));
+    Lines lines;
+    for (const std::string& line : lines_of(read_file(at("seen"))))
+      if (line.find(calls) != std::string::npos) lines.push_back(line);
+    EXPECT_GE(lines.size(), 4U);
+    return lines;
+  }
+
   /// Packs devices: null, the first disk, and the number 0:0, which the kernel gives to anyone.
   void pack_devices() const {
     shell(
@@ -117,14 +143,6 @@ class Hardening : public StoreTest {
                      "p 0644 0:0 httpdocs/pipe"}));
   }
 };
-
-Lines lines_of(const std::string& text) {
-  Lines lines;
-  for (size_t begin = 0, end = 0; (end = text.find('\n', begin)) != std::string::npos;
-       begin = end + 1)
-    lines.push_back(text.substr(begin, end - begin));
-  return lines;
-}
 
 /// One line of this process's status, with its newline.
 std::string status_line(const std::string& field) {
@@ -159,12 +177,35 @@ TEST_F(Hardening, GivesItsChildrenAUmaskThatLetsNobodyElseWrite) {
 }
 
 TEST_F(Hardening, ReplacesTheOptionsThatItsCallerHasForArchiveTools) {
-  const std::string seen = seen_in_child("env | grep -E '^(TAR|UNZIP)' | sort; true", [] {
+  const auto prepare = [this] {
+    use_own_tools();
     setenv("TAR_OPTIONS", "--same-owner -p --to-command=/bin/false", 1);
-    setenv("UNZIP", "-K", 1);
-    setenv("UNZIPOPT", "-X", 1);
-  });
-  EXPECT_EQ(seen, "TAR_OPTIONS=--no-same-owner --no-same-permissions\n");
+    for (const char* name : {"UNZIP", "UNZIPOPT", "GZIP", "MAGIC"}) setenv(name, "-X", 1);
+  };
+  fs::create_directories("/usr/local/oxa/var");
+  fs::copy_file(at("skel.tgz"), "/usr/local/oxa/var/default_skeleton.tgz");
+  const std::vector<std::vector<std::string>> roads = {
+      {"--install-skel", "--filename", at("skel.tar"), "--id", "7"},
+      {"--install-default", "--id", "7"}};
+  for (const std::vector<std::string>& words : roads) {
+    SCOPED_TRACE(words[0]);
+    put_tar_behind("env | grep -E '^(TAR_|UNZIP|GZIP|MAGIC)'");
+    EXPECT_EQ(prepared(prepare, words), answer(0));
+    EXPECT_EQ(read_file(at("seen")), "TAR_OPTIONS=--no-same-owner --no-same-permissions\n");
+    fs::remove(at("seen"));
+  }
+}
+
+TEST_F(Hardening, LetsNoVariableOfItsCallerEmptyAStoreOrChangeAType) {
+  const std::string archive = at("no-extension");
+  fs::copy_file(at("skel.tgz"), archive);
+  const auto prepare = [] {
+    setenv("GZIP", "-t", 1);
+    setenv("MAGIC", "/dev/null", 1);
+  };
+  EXPECT_EQ(prepared(prepare, {"--install-skel", "--filename", archive, "--id", "7"}), answer(0));
+  EXPECT_EQ(tree_listing(store("7")),
+            (Lines{"d 0755 0:0 httpdocs", "f 0644 0:0 httpdocs/index.html page\n"}));
 }
 
 TEST_F(Hardening, LetsTarMakeNothingThatIsForeignSetIdOrWritableForOthers) {
@@ -188,11 +229,16 @@ TEST_F(Hardening, LetsTarMakeNothingThatIsForeignSetIdOrWritableForOthers) {
   }
 }
 
-TEST_F(Hardening, LetsUnzipKeepNeitherOwnerNorSetIdBit) {
-  pack("mkdir httpdocs; echo x > httpdocs/run; chmod 06755 httpdocs/run; chown 1234 httpdocs/run");
+TEST_F(Hardening, LetsUnzipKeepNeitherOwnerNorSetIdBitNorLetOthersWrite) {
+  pack(
+      "mkdir -p httpdocs/dir; echo x > httpdocs/file; echo x > httpdocs/run; echo x > "
+      "httpdocs/own\n"
+      "chmod 06777 httpdocs/run; chmod 0666 httpdocs/file; chmod 0700 httpdocs/own\n"
+      "chmod 02777 httpdocs/dir; chown -Rh 1234:2345 httpdocs");
   write_file(at("bin/unzip"),
-             "#!/bin/sh\n/usr/bin/unzip \"$@\"\nstat -c '%a %u' " + store("7") + "/httpdocs/run >" +
-                 at("seen") + "\n",
+             "#!/bin/sh\n/usr/bin/unzip \"$@\"\nstatus=$?\nfind " + store("7") +
+                 " -mindepth 1 -printf '%m %U:%G %y %P\\n' | sort >" + at("seen") +
+                 "\nexit $status\n",
              0755);
   EXPECT_EQ(prepared(
                 [this] {
@@ -202,7 +248,9 @@ TEST_F(Hardening, LetsUnzipKeepNeitherOwnerNorSetIdBit) {
                 },
                 {"--install-skel", "--filename", at("skel.zip"), "--id", "7"}),
             answer(0));
-  EXPECT_EQ(read_file(at("seen")), "755 0\n");
+  EXPECT_EQ(read_file(at("seen")),
+            "644 0:0 f httpdocs/file\n644 0:0 f httpdocs/run\n700 0:0 f httpdocs/own\n"
+            "755 0:0 d httpdocs\n755 0:0 d httpdocs/dir\n");
 }
 
 TEST_F(Hardening, MakesNoDeviceAndTellsSoAsOfAnyFailedExtraction) {
@@ -211,21 +259,22 @@ TEST_F(Hardening, MakesNoDeviceAndTellsSoAsOfAnyFailedExtraction) {
 }
 
 TEST_F(Hardening, RefusesDevicesByEachSystemCallThatMakesThemAndNothingElse) {
-  fs::create_directory(at("bin"));
-  fs::copy_file(DEVICE_MAKER, at("bin/tar"));
-  EXPECT_EQ(prepared(
-                [this] {
-                  use_own_tools();
-                  fs::current_path(at(""));
-                },
-                {"--install-skel", "--filename", at("skel.tar"), "--id", "7"}),
-            answer(0));
-  for (const std::string& line : lines_of(read_file(at("seen")))) {
+  for (const std::string& line : lines_of_system_caller("mknod")) {
     SCOPED_TRACE(line);
     const bool is_device = line.rfind("character ", 0) == 0 || line.rfind("block ", 0) == 0;
     EXPECT_EQ(line.substr(line.find(": ")), is_device ? ": Operation not permitted" : ": made");
   }
-  EXPECT_GE(lines_of(read_file(at("seen"))).size(), 4U);
+}
+
+TEST_F(Hardening, LeavesOutSetIdBitsAndTheWritingOfOthersByEachSystemCallThatSetsThem) {
+  const Lines lines = lines_of_system_caller("chmod");
+  EXPECT_EQ(lines.size(), 4U * 12U);
+  for (const std::string& line : lines) {
+    SCOPED_TRACE(line);
+    const std::string asked = line.substr(line.find(' ') + 1, 4);
+    const bool is_unwanted = (std::stoul(asked, nullptr, 8) & 06022) != 0;
+    EXPECT_EQ(line.substr(line.find(": ")), ": 0, now " + (is_unwanted ? "0600" : asked));
+  }
 }
 
 TEST_F(Hardening, TakesOneCapabilityFromItsChildrenAndNoOther) {

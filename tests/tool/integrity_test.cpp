@@ -84,6 +84,21 @@ TEST_F(TestIntegrity, AnswersZeroForGoodArchivesOfEachType) {
   }
 }
 
+TEST_F(TestIntegrity, LetsNoVariableOfItsCallerChangeTheAnswer) {
+  const MariaDbServer server;
+  const std::string trace = at("trace");
+  const auto prepare = [&trace] {
+    setenv("TAR_OPTIONS",
+           ("--checkpoint=1 --checkpoint-action=exec='touch " + trace + "' --wrong").c_str(), 1);
+    for (const char* name : {"UNZIP", "UNZIPOPT", "GZIP", "MAGIC"}) setenv(name, "--wrong", 1);
+  };
+  for (const char* archive : {"a.zip", "a.tgz", "a.tar"}) {
+    SCOPED_TRACE(archive);
+    EXPECT_EQ(prepared(prepare, {"--test-archive", "--filename", at(archive)}), answer(0));
+  }
+  EXPECT_FALSE(std::filesystem::exists(trace));
+}
+
 TEST_F(TestIntegrity, AnswersTwoForCorruptArchivesOfEachType) {
   MariaDbServer server;
   for (const auto& [archive, type, command, status] :

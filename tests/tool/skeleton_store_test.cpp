@@ -1,5 +1,6 @@
 #include "tool/skeleton_store.h"
 
+#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -131,6 +132,24 @@ TEST_F(InstallSkel, EndsOnASpecialFileAtTheTop) {
   pack("mkfifo fifo");
   EXPECT_EQ(install("7"), fatal("Unable to open dir fifo: Not a directory\n\n"
                                 "System error 20: Not a directory"));
+}
+
+TEST_F(InstallSkel, HasRemovedConfWhateverEndsIt) {
+  shell(
+      "mkdir -p skel/httpdocs skel/conf; echo x > skel/conf/vhost.conf; mkfifo skel/fifo\n"
+      "mkfifo skel/httpdocs/.quota");
+  // Each order of listing comes up in one of these, whatever the file system.
+  for (const char* members : {"fifo conf", "conf fifo", "httpdocs conf", "conf httpdocs"}) {
+    SCOPED_TRACE(members);
+    shell(std::string("tar -C skel -czf skel.tgz ") + members);
+    const std::string name = strstr(members, "fifo") != nullptr ? "fifo" : ".quota";
+    EXPECT_EQ(install("7"), fatal("Unable to open dir " + name +
+                                  ": Not a directory\n\n"
+                                  "System error 20: Not a directory"));
+    EXPECT_EQ(tree_listing(store("7")),
+              name == "fifo" ? (Lines{"p 0644 0:0 fifo"})
+                             : (Lines{"d 0755 0:0 httpdocs", "p 0644 0:0 httpdocs/.quota"}));
+  }
 }
 
 TEST_F(InstallSkel, KeepsNothingOfTheEarlierSkeleton) {

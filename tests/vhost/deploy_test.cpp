@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
@@ -8,6 +9,7 @@
 #include <fstream>
 #include <iostream>
 
+#include "fs/unique_fd.h"
 #include "support/private_mounts.h"
 #include "vhost/deploy_fixture.h"
 #include "vhost/misc.h"
@@ -335,7 +337,8 @@ TEST_F(SetupSkeleton, DeploysAFileOf256MiBInLittleMemory) {
   constexpr long kKilobytes = 16384;
   const std::string placeholder = "@domain_name@";
   write_file(skeleton("conf/large"), placeholder);
-  ASSERT_EQ(truncate(skeleton("conf/large").c_str(), kSize), 0);
+  const frask::UniqueFd large(open(skeleton("conf/large").c_str(), O_WRONLY | O_CLOEXEC));
+  ASSERT_EQ(posix_fallocate(large.get(), 0, kSize), 0) << "with no hole";
   std::ofstream(skeleton("conf/large"), std::ios::app) << placeholder;
   const auto outcome = testsupport::in_child([&] {
     const long before = most_kilobytes_used();
@@ -350,6 +353,21 @@ TEST_F(SetupSkeleton, DeploysAFileOf256MiBInLittleMemory) {
   EXPECT_EQ(head, std::string("example.com\0", 12));
   EXPECT_EQ(tail, std::string("\0example.com", 12));
   EXPECT_EQ(fs::file_size(host("conf/large")), static_cast<size_t>(kSize) - 13 + 11 + 11);
+}
+
+TEST_F(SetupSkeleton, LeavesTheHolesOfAFileOfManyTerabytes) {
+  const off_t size = off_t{1} << 42;
+  write_file(skeleton("conf/large"), "@domain_name@");
+  ASSERT_EQ(truncate(skeleton("conf/large").c_str(), size), 0);
+  EXPECT_EQ(deploy(), done());
+  struct stat st = {};
+  ASSERT_EQ(stat(host("conf/large").c_str(), &st), 0);
+  EXPECT_EQ(st.st_size, size - 2) << "the name is shorter than the placeholder";
+  EXPECT_LE(st.st_blocks, 16);
+  std::ifstream copy(host("conf/large"));
+  std::string head(13, 'x');
+  copy.read(head.data(), 13);
+  EXPECT_EQ(head, std::string("example.com\0\0", 13));
 }
 
 TEST_F(SetupSkeleton, LeavesNoDescriptorOpen) {

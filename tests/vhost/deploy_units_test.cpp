@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "fs/unique_fd.h"
@@ -125,6 +126,65 @@ TEST(FileCopier, ReadsOnWhereAFileIsAsYetShorterThanExpected) {
 TEST(FileCopier, TakesWhatCannotBeReadForTheEnd) {
   FileCopier copier("a.test");
   EXPECT_EQ(copied(copier, UniqueFd(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC)), 3), "");
+}
+
+/// A file of zeros but for some texts, which alone take room.
+UniqueFd file_with_holes(const std::string& path, off_t size,
+                         const std::vector<std::pair<off_t, std::string>>& texts) {
+  UniqueFd fd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  EXPECT_EQ(ftruncate(fd.get(), size), 0);
+  for (const auto& [at, text] : texts)
+    EXPECT_EQ(pwrite(fd.get(), text.data(), text.size(), at), static_cast<ssize_t>(text.size()));
+  return fd;
+}
+
+struct HoleRow {
+  const char* what;
+  off_t size;
+  std::vector<std::pair<off_t, std::string>> texts;
+};
+
+TEST(FileCopier, CopiesAFileWithHolesByteForByte) {
+  constexpr off_t kMiB = 1048576;
+  const std::string placeholder = "@domain_name@";
+  const std::string dense(3 * 262144 + 5, '@');
+  for (const HoleRow& row : std::vector<HoleRow>{
+           {"nothing else", kMiB, {}},
+           {"a hole at the end", kMiB, {{0, placeholder}}},
+           {"a hole at the beginning", kMiB, {{kMiB - 13, placeholder}}},
+           {"a hole on either side", kMiB, {{kMiB / 2 - 5, placeholder}}},
+           {"several", 4 * kMiB, {{0, "a@"}, {kMiB, placeholder + "@domain_"}, {3 * kMiB, "@"}}},
+           {"a beginning before a hole", kMiB, {{4096 - 8, "@domain_"}}},
+           {"an end behind a hole", kMiB, {{524288, "name@"}}},
+           {"a size within a page", kMiB + 1, {{8192, placeholder}}},
+           {"more than one read between", 4 * kMiB, {{kMiB, dense + placeholder + dense}}}}) {
+    SCOPED_TRACE(row.what);
+    const testsupport::ScratchDir scratch;
+    const UniqueFd from = file_with_holes(scratch / "from", row.size, row.texts);
+    const UniqueFd to(open((scratch / "to").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    FileCopier copier("a.longer.name.test");
+    copier.copyWithHoles(from.get(), to.get());
+    std::string replaced;
+    const std::string original = testsupport::read_file(scratch / "from");
+    const frask::ReplacedPiece all =
+        frask::replacePlaceholders(original, "a.longer.name.test", replaced);
+    const std::string expected =
+        std::string(all.text) + original.substr(original.size() - all.unfinished);
+    EXPECT_TRUE(testsupport::read_file(scratch / "to") == expected);
+    struct stat original_st = {};
+    struct stat copy_st = {};
+    ASSERT_EQ(fstat(from.get(), &original_st), 0);
+    ASSERT_EQ(fstat(to.get(), &copy_st), 0);
+    EXPECT_LE(copy_st.st_blocks, original_st.st_blocks + 16) << "a page or two for longer texts";
+  }
+}
+
+TEST(FileCopier, LeavesASourceWithoutPositionsUncopiedWhereHolesAreSaid) {
+  const testsupport::ScratchDir scratch;
+  const UniqueFd to(open((scratch / "to").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+  FileCopier copier("a.test");
+  copier.copyWithHoles(source_of({"text"}).get(), to.get());
+  EXPECT_EQ(testsupport::read_file(scratch / "to"), "");
 }
 
 }  // namespace

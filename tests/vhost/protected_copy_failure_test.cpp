@@ -1,10 +1,11 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <climits>
@@ -12,10 +13,12 @@
 #include <string>
 
 #include "error/SystemError.h"
+#include "fs/unique_fd.h"
 #include "log/utility_log.h"
 #include "support/child.h"
 #include "support/private_mounts.h"
 #include "support/scratch.h"
+#include "support/stopped_child.h"
 #include "support/tree_listing.h"
 #include "vhost/backup_numbers.h"
 #include "vhost/entry_points.h"
@@ -75,46 +78,34 @@ TEST(CopyIfNoDontedit, ReservesWithMode0620) {
   EXPECT_EQ(mode_of(dir / "d.saved_by_oxa"), 0620U);
 }
 
-TEST(CopyIfNoDontedit, LogsThatADeviceCannotBeCopied) {
+TEST(CopyIfNoDontedit, LogsThatPipesAndDevicesCannotBeCopiedAndNeitherReadsThemNorWaits) {
   const ScratchDir dir;
   fs::create_symlink("/dev/null", dir / "null");
-  const std::string text = "filesystem error: cannot copy file: Invalid argument [" +
-                           (dir / "null") + "] [" + (dir / "null.saved_by_oxa") + "]";
-  expect_logged(protect(dir / "null"), "Failed to back up file '" + (dir / "null") + "': " + text);
-  EXPECT_EQ(read_file(dir / "null.saved_by_oxa"), "");
-  EXPECT_EQ(standard_failure(dir / "null", dir / "null.saved_by_oxa"), text);
-}
-
-/// Runs `meanwhile` between the opening of a pipe for reading, by the guard, and the end of what is
-/// read from it.
-Outcome protect_pipe(const std::string& path, const std::function<void()>& meanwhile) {
-  if (mkfifo(path.c_str(), 0600) != 0) throw std::runtime_error("mkfifo failed");
-  const pid_t writer = fork();
-  if (writer == 0) {
-    const int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);  // waits for the reader
-    meanwhile();
-    _exit(write(fd, "text", 4) == 4 ? 0 : 1);
+  fs::create_symlink("/dev/zero", dir / "endless");
+  ASSERT_EQ(mkfifo((dir / "pipe").c_str(), 0600), 0);
+  ASSERT_EQ(mkfifo((dir / "full").c_str(), 0600), 0);
+  const frask::UniqueFd full(open((dir / "full").c_str(), O_RDWR | O_CLOEXEC));
+  ASSERT_EQ(write(full.get(), get_dontedit_tag(), 53), 53);
+  for (const char* name : {"null", "endless", "pipe", "full"}) {
+    SCOPED_TRACE(name);
+    const std::string backup = (dir / name) + ".saved_by_oxa";
+    const std::string text = "filesystem error: cannot copy file: Invalid argument [" +
+                             (dir / name) + "] [" + backup + "]";
+    expect_logged(protect(dir / name), "Failed to back up file '" + (dir / name) + "': " + text);
+    EXPECT_EQ(read_file(backup), "");
+    EXPECT_EQ(standard_failure(dir / name, backup), text);
   }
-  Outcome outcome = protect(path);
-  int status = -1;
-  EXPECT_EQ(waitpid(writer, &status, 0), writer);
-  EXPECT_EQ(status, 0);
-  return outcome;
-}
-
-TEST(CopyIfNoDontedit, LogsThatAPipeCannotBeCopied) {
-  const ScratchDir dir;
-  const std::string text = "filesystem error: cannot copy file: Invalid argument [" +
-                           (dir / "pipe") + "] [" + (dir / "pipe.saved_by_oxa") + "]";
-  expect_logged(protect_pipe(dir / "pipe", [] {}),
-                "Failed to back up file '" + (dir / "pipe") + "': " + text);
-  EXPECT_EQ(read_file(dir / "pipe.saved_by_oxa"), "");
-  EXPECT_EQ(standard_failure(dir / "pipe", dir / "pipe.saved_by_oxa"), text);
+  int unread = 0;
+  EXPECT_EQ(ioctl(full.get(), FIONREAD, &unread), 0);
+  EXPECT_EQ(unread, 53);
 }
 
 TEST(CopyIfNoDontedit, KeepsNoCopyOfWhatIsGoneOnceItHasBeenRead) {
   const ScratchDir dir;
-  const Outcome outcome = protect_pipe(dir / "pipe", [&] { fs::remove(dir / "pipe"); });
+  write_file(dir / "f", "text");
+  const Outcome outcome = testsupport::in_child_stopped_at(
+      {SYS_newfstatat, "f"}, [&] { fs::remove(dir / "f"); },
+      [&] { copy_if_no_dontedit((dir / "f").c_str()); });
   EXPECT_EQ(outcome, (Outcome{"", "", 0}));
   EXPECT_EQ(tree_listing(dir.path()), Lines{});
 }
