@@ -2,7 +2,9 @@
 // site, replacing its placeholders gives what a search at every byte gives.
 #include <fcntl.h>
 #include <stdint.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <string>
@@ -10,7 +12,6 @@
 
 #include "fs/unique_fd.h"
 #include "memory_file.h"
-#include "support/scratch.h"
 #include "vhost/deploy_file.private.h"
 #include "vhost/placeholder.private.h"
 
@@ -18,6 +19,8 @@ namespace {
 
 /// A socket does not hold many more.
 constexpr size_t kMostPackets = 64;
+/// Two placeholders; a real piece is large, and so is what it costs.
+constexpr size_t kMostBefore = 26;
 
 std::string replaced_at_every_byte(std::string_view text, std::string_view name) {
   std::string result;
@@ -43,12 +46,25 @@ std::string replaced_in_pieces(std::string_view text, std::string_view name, siz
   return result + pending;
 }
 
+class OutFile {
+ public:
+  std::string content() const {
+    std::string bytes(static_cast<size_t>(lseek(fd_.get(), 0, SEEK_END)), '\0');
+    const ssize_t got = pread(fd_.get(), bytes.data(), bytes.size(), 0);
+    check(got == static_cast<ssize_t>(bytes.size()));
+    return bytes;
+  }
+  int fd() const { return fd_.get(); }
+
+ private:
+  frask::UniqueFd fd_{memfd_create("fuzz", MFD_CLOEXEC)};
+};
+
 /// What becomes of a file on its way into a site.
 std::string copied(const frask::UniqueFd& from, std::string_view name, off_t size) {
-  const MemoryFile to("");
-  const frask::UniqueFd writing(open(to.path(), O_WRONLY | O_CLOEXEC));
-  frask::FileCopier(std::string(name)).copy(from.get(), writing.get(), size);
-  return testsupport::read_file(to.path());
+  const OutFile to;
+  frask::FileCopier(std::string(name)).copy(from.get(), to.fd(), size);
+  return to.content();
 }
 
 /// Each read gets one packet, so that a file comes in the pieces that are asked for.
@@ -74,6 +90,19 @@ void check_across(std::string_view text, std::string_view name, size_t before,
   check(copied(reading, name, size) == filling + expected);
 }
 
+/// With a hole before the text and one behind it.
+void check_between_holes(std::string_view text, std::string_view name,
+                         const std::string& expected) {
+  constexpr size_t kHole = 8192;
+  const OutFile from;
+  check(pwrite(from.fd(), text.data(), text.size(), kHole) == static_cast<ssize_t>(text.size()));
+  check(ftruncate(from.fd(), static_cast<off_t>(2 * kHole + text.size())) == 0);
+  const OutFile to;
+  frask::FileCopier(std::string(name)).copyWithHoles(from.fd(), to.fd());
+  const std::string hole(kHole, '\0');
+  check(to.content() == hole + expected + hole);
+}
+
 }  // namespace
 
 /// The first byte is the size of the pieces, the second how much of the file lies before the end of
@@ -89,6 +118,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   check(replaced_in_pieces(text, name, piece) == expected);
   check(replaced_in_pieces(text, name, size) == expected);
   if (text.size() / piece < kMostPackets) check(copied_in_pieces(text, name, piece) == expected);
-  check_across(text, name, data[1], expected);
+  if (data[1] < kMostBefore) check_across(text, name, data[1], expected);
+  check_between_holes(text, name, expected);
   return 0;
 }
