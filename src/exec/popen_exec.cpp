@@ -48,6 +48,7 @@ void read_stream(FILE* stream, frask::CString& text) {
 }  // namespace
 
 int popen_exec_with_input(const char* command, const char* input) {
+  // NOLINTNEXTLINE(cert-env33-c,bugprone-command-processor): a line for a shell is asked for
   FILE* stream = popen(command, "w");
   if (stream == nullptr) {
     messlog2(0, 0,
@@ -67,6 +68,7 @@ int popen_exec_with_input(const char* command, const char* input) {
 }
 
 int popen_exec_getoutput(char** out, const char* command) {
+  // NOLINTNEXTLINE(cert-env33-c,bugprone-command-processor): a line for a shell is asked for
   FILE* stream = popen(command, "r");
   if (stream == nullptr) {
     complain(

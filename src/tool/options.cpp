@@ -92,7 +92,6 @@ void apply(Options& options, int letter, const char* argument) {
 Options parse_options(int argc, char** argv) {
   Options options;
   int letter = 0;
-  // NOLINTNEXTLINE(concurrency-mt-unsafe): the process has one thread
   while ((letter = getopt_long(argc, argv, kShortOptions, kLongOptions.data(), nullptr)) != -1)
     apply(options, letter, optarg);
   return options;

@@ -100,7 +100,8 @@ TEST(TExec, StartsInTheDefaultModeWithoutAPreparation) {
 
 TEST(TExec, SharesVectorAndPreparationWithItsCopies) {
   const TExec original = with(command({"true"}), new Prepare);
-  const TExec copy = original;  // NOLINT(performance-unnecessary-copy-initialization)
+  // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): the copy is what is tested
+  const TExec copy = original;
   EXPECT_EQ(&copy.args()[0], &original.args()[0]);
   EXPECT_EQ(copy.preparation().get(), original.preparation().get());
   EXPECT_EQ(original.preparation().count(), 2U);

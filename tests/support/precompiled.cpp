@@ -1,0 +1,2 @@
+// Nothing but the headers that ../CMakeLists.txt has read once for all tests.
+int main() {}
