@@ -14,10 +14,8 @@
 
 /// What is to come of an archive.
 struct Effect {
-  // NOLINTNEXTLINE(google-explicit-constructor): most rows of the tables are told by their text
-  // alone
+  /// Most rows of the tables are told by their text alone, and so these two convert.
   Effect(std::string text) : says(std::move(text)) {}
-  // NOLINTNEXTLINE(google-explicit-constructor)
   Effect(const char* text) : says(text) {}
   Effect(std::string text, std::vector<std::string> entries)
       : says(std::move(text)), leaves(std::move(entries)) {}
