@@ -155,7 +155,7 @@ class Description {
       return kParts[choice].meant;
     }
     // A byte of the input by its number; XML has none for most control characters.
-    const std::string byte(1, static_cast<char>(' ' + chosen(0x5f)));
+    std::string byte(1, static_cast<char>(' ' + chosen(0x5f)));
     text_ += "&#" + std::to_string(static_cast<int>(byte[0])) + ";";
     return byte;
   }
