@@ -12,9 +12,6 @@
 namespace frask {
 namespace {
 
-/// Fits into a core's own cache together with what it becomes.
-constexpr size_t kPiece = 262144;
-
 ssize_t readSome(int fd, char* buffer, size_t room) noexcept {
   ssize_t got = -1;
   do {

@@ -2,6 +2,7 @@
 #ifndef FRASK_VHOST_DEPLOY_FILE_PRIVATE_H
 #define FRASK_VHOST_DEPLOY_FILE_PRIVATE_H
 
+#include <stddef.h>
 #include <sys/types.h>
 
 #include <memory>
@@ -13,6 +14,9 @@ namespace frask {
 /// piece of a file, whatever the file's size, and takes it once for all files.
 class FileCopier {
  public:
+  /// The most that is read at once: it fits into a core's own cache together with what it becomes.
+  static constexpr size_t kPiece = 262144;
+
   explicit FileCopier(std::string siteName);
 
   /// Copies what is left of `from` to `to`. Failures are passed over: a file that cannot be read is

@@ -11,6 +11,13 @@ using Lines = std::vector<std::string>;
 
 namespace {
 
+// The work is that of tar and unzip, which no sanitizer watches; but it slows down the rest.
+#ifdef __SANITIZE_ADDRESS__
+constexpr int kEntries = 66000;  // more than the 16-bit counter of a zip archive holds
+#else
+constexpr int kEntries = 200000;
+#endif
+
 class HostileEntries : public HostileArchives {
  protected:
   /// install() and remove() for so many empty files, all of which are to arrive.
@@ -20,6 +27,7 @@ class HostileEntries : public HostileArchives {
     Members members{directory("httpdocs")};
     for (int i = 0; i < count; ++i) members.push_back(file("httpdocs/" + std::to_string(i), ""));
     write_inside("/srv/archives/" + name, archive(members));
+    if (name == "a.tgz") shell("mv a.tgz a; gzip -1 a; mv a.gz a.tgz");
     EXPECT_EQ(install(name), (Outcome{"0\n", "", 0}));
     const Outcome found = LayeredRoot::run({"/usr/bin/find", kStore, "-type", "f", "-printf", "."});
     EXPECT_EQ(found.out.size(), static_cast<size_t>(count));
@@ -30,10 +38,20 @@ class HostileEntries : public HostileArchives {
 }  // namespace
 
 TEST_F(HostileArchives, MayNestTwoThousandLevelsDeep) {
+  constexpr int kLevels = 2000;
   std::string levels;
-  for (int level = 0; level < 2000; ++level) levels += "d/";
+  Lines directories;
+  for (int level = 0; level < kLevels; ++level) {
+    levels += "/d";
+    directories.push_back("d httpdocs" + levels);
+  }
+  Lines arrived = directories;
+  arrived.push_back("f httpdocs" + levels + "/x bottom");
   const HostileRow row = {
-      "levels", {directory("httpdocs/" + levels), file("httpdocs/" + levels + "x")}, "", ""};
+      "levels",
+      {directory("httpdocs" + levels), file("httpdocs" + levels + "/x", "bottom")},
+      {"", arrived},
+      {"", arrived}};
   expect_harmless(row);
 }
 
@@ -49,10 +67,16 @@ TEST_F(HostileArchives, MayDifferInTheirTwoListsOfNames) {
   for (const HostileRow& row : rows) expect_harmless(row);
 }
 
-TEST_F(HostileEntries, MayBeTwoHundredThousand) {
-  // Fewer in the zip archive, whose tool takes twice the time: more than its 16-bit counter holds.
-  expect_entries("a.tar", tar_archive, 200000);
-  expect_entries("a.zip", zip_archive, 66000);
+TEST_F(HostileEntries, MayBeTwoHundredThousandInATarArchive) {
+  expect_entries("a.tar", tar_archive, kEntries);
+}
+
+TEST_F(HostileEntries, MayBeTwoHundredThousandInATgzArchive) {
+  expect_entries("a.tgz", tar_archive, kEntries);
+}
+
+TEST_F(HostileEntries, MayBeTwoHundredThousandInAZipArchive) {
+  expect_entries("a.zip", zip_archive, kEntries);
 }
 
 TEST_F(HostileArchives, MayBeDamagedAnywhere) {

@@ -6,6 +6,7 @@
 #include "fs/unique_fd.h"
 #include "support/scratch.h"
 #include "vhost/deploy_entry.private.h"
+#include "vhost/deploy_file.private.h"
 #include "vhost/deploy_fixture.h"
 #include "vhost/placeholder.private.h"
 
@@ -13,6 +14,7 @@
 namespace {
 
 using frask::FileCopier;
+using frask::kPlaceholder;
 using frask::UniqueFd;
 using testsupport::write_file;
 
@@ -95,6 +97,25 @@ TEST(FileCopier, FindsPlaceholdersThatComeInParts) {
   EXPECT_EQ(copied(copier, source_of({"1@", "domain_", "name@2@domain_name", "@3@domain_"}), 0),
             "1a.test2a.test3@domain_");
   EXPECT_EQ(copied(copier, source_of({"name@"}), 0), "name@") << "nothing is left of another file";
+}
+
+TEST(FileCopier, FindsPlaceholdersThatLieAcrossTheEndOfAnyPiece) {
+  FileCopier copier("a.test");
+  const testsupport::ScratchDir scratch;
+  for (size_t before = 0; before <= kPlaceholder.size(); ++before) {
+    SCOPED_TRACE(before);
+    // A piece begins with what the one before it left, a part of the placeholder.
+    const std::string gap(FileCopier::kPiece - before - kPlaceholder.size(), '.');
+    std::string text(kPlaceholder.size(), '.');
+    std::string expected = text;
+    for (int piece = 0; piece < 4; ++piece) {
+      text.append(gap).append(kPlaceholder);
+      expected.append(gap).append("a.test");
+    }
+    testsupport::write_file(scratch / "large", text);
+    const UniqueFd from(open((scratch / "large").c_str(), O_RDONLY | O_CLOEXEC));
+    EXPECT_TRUE(copied(copier, from, static_cast<off_t>(text.size())) == expected);
+  }
 }
 
 TEST(FileCopier, ReadsOnWhereAFileIsAsYetShorterThanExpected) {
