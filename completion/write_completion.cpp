@@ -3,7 +3,9 @@
 //   write_completion TEMPLATE CLIENTS SCRIPT    CLIENTS: the file that stands for "@clients@"
 #include <string.h>
 
+#include <exception>
 #include <fstream>
+#include <iostream>
 #include <iterator>
 #include <map>
 #include <stdexcept>
@@ -141,13 +143,23 @@ void replace_all(std::string& text, const std::string& name, const std::string& 
     text.replace(at, name.size(), value);
 }
 
+void write_script(const char* pattern, const char* clients, const char* path) {
+  std::string script = content_of(pattern);
+  for (const auto& [name, value] : replacements(clients)) replace_all(script, name, value);
+  std::ofstream file(path);
+  file << script << std::flush;
+  if (!file.good()) throw std::runtime_error(std::string("cannot write ") + path);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   if (argc != 4) return 2;
-  std::string script = content_of(argv[1]);
-  for (const auto& [name, value] : replacements(argv[2])) replace_all(script, name, value);
-  std::ofstream file(argv[3]);
-  file << script << std::flush;
-  return file.good() ? 0 : 1;
+  try {
+    write_script(argv[1], argv[2], argv[3]);
+    return 0;
+  } catch (const std::exception& failure) {
+    std::cerr << "write_completion: " << failure.what() << "\n";
+    return 1;
+  }
 }

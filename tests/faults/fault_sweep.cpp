@@ -32,7 +32,7 @@ Arguments parse(int argc, char** argv) {
       continue;
     }
     const std::string option = argv[i];
-    const int value = ++i < argc ? atoi(argv[i]) : 0;
+    const int value = ++i < argc ? static_cast<int>(strtol(argv[i], nullptr, 10)) : 0;
     if (option == "--seconds")
       arguments.seconds = value;
     else if (option == "--own-step" && value > 0)

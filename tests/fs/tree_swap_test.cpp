@@ -45,7 +45,7 @@ Outcome with_link_put_at(const std::string& entry, const Call& before,
     return lines;
   };
   const Lines before_walk = state_outside();
-  const Outcome outcome = testsupport::in_child_stopped_at(
+  Outcome outcome = testsupport::in_child_stopped_at(
       before,
       [&] {
         std::filesystem::rename(scratch / entry, scratch / "aside");
