@@ -125,8 +125,8 @@ constexpr Filter make_filter() {
 
 /// tar -p, a forced owner or a command to be run would come from there as well as harmless options:
 /// what the caller had is replaced, not extended. unzip has two variables for the same purpose,
-/// gzip one, with which it unpacks nothing and succeeds, and file takes the types that it knows
-/// from one.
+/// gzip one, with which it unpacks nothing and succeeds, and file one that names the types that it
+/// knows.
 void settle_options_of_archive_tools() {
   if (setenv("TAR_OPTIONS", "--no-same-owner --no-same-permissions", 1) != 0)
     messlog2(1, 1, "Unable to set the environment: %s", strerror(errno));

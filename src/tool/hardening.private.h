@@ -4,8 +4,8 @@
 
 /// Prepares the process, and with it every program that it runs, for the unpacking of what a
 /// stranger packed: a umask of 022, options of tar that keep no owner and no set-id bit and none of
-/// the caller's for the other archive programs and file, no capability and no system call to make a
-/// device or to give an entry a set-id bit or let others write to it, and all the descriptors that
+/// the caller's for the other archive programs and file, no capability and no mknod() for devices,
+/// no change of a mode that sets a set-id bit or lets others write, and all the descriptors that
 /// may be had.
 ///
 /// What the system refuses is left as it was, without a report: each of these stands in front of

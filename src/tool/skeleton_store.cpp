@@ -129,8 +129,9 @@ bool may_keep(const char* name, const char* client_id) {
   return strcmp(name, "conf") != 0 || strcmp(client_id, "0") == 0;
 }
 
-/// An entry that cannot be removed, as a named pipe, ends the walk wherever the listing has it, and
-/// the store stays. What the client may never supply must be gone by then.
+/// Deliberate: before all other entries, wherever the listing has it. An entry that cannot be
+/// removed, as a named pipe, ends the walk, and the store stays: what the client may never supply
+/// must be gone by then. Pinned by InstallSkel.HasRemovedConfWhateverEndsIt.
 void remove_unsupplied_conf(const char* client_id) {
   const frask::KeepErrno keep;
   if (!may_keep("conf", client_id)) rm_tree("conf", 1);

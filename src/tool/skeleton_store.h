@@ -29,8 +29,8 @@ FRASK_API extern const char* const forbidden_subs_entry[2];
  *
  * ".skel" must exist. A failed extraction is reported and tolerated: the store then holds whatever
  * was unpacked. Any other failure is reported and ends the process with status 1, the store being
- * partly built, but never with a "conf" that the client may not supply. The working directory is
- * ".skel" afterwards.
+ * partly built; a "conf" that the client may not supply goes before all other entries. The working
+ * directory is ".skel" afterwards.
  *
  * The id is taken as it is: one from a stranger has to be checked for being a plain directory name.
  *

@@ -196,7 +196,7 @@ bool EntryDeployer::createFile(const Found& original, const Target& target) {
   const UniqueFd from(::openat(original.place.dir_fd, original.place.name,
                                O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   if (from && hasHoles(original.st))
-    copier_.copyWithHoles(from.get(), to.get());
+    copier_.copyWithHoles(from.get(), to.get(), original.st.st_size);
   else if (from)
     copier_.copy(from.get(), to.get(), original.st.st_size);
   setModeAndGroup(to.get(), original.st.st_mode);

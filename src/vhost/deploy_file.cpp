@@ -2,7 +2,7 @@
 #include <string.h>
 #include <unistd.h>
 
-#include <limits>
+#include <algorithm>
 #include <string_view>
 #include <utility>
 
@@ -12,10 +12,14 @@
 namespace frask {
 namespace {
 
-ssize_t readSome(int fd, char* buffer, size_t room) noexcept {
+constexpr size_t kPage = 4096;
+
+/// The result of a call that is made again where a signal has interrupted it.
+template <class Call>
+ssize_t again(Call call) noexcept {
   ssize_t got = -1;
   do {
-    got = ::read(fd, buffer, room);
+    got = call();
   } while (got < 0 && errno == EINTR);
   return got;
 }
@@ -29,51 +33,87 @@ bool writeAll(int fd, std::string_view text) noexcept {
   return true;
 }
 
+/// Adds a hole. What cannot be had is missing from there on, as what cannot be written.
+void lengthen(int fd, off_t bytes) noexcept {
+  const off_t whole = bytes > 0 ? ::lseek(fd, bytes, SEEK_CUR) : -1;
+  static_cast<void>(whole >= 0 && ::ftruncate(fd, whole) == 0);
+}
+
+/// Where a file has data. A file that does not tell has data everywhere.
+class Extents {
+ public:
+  explicit Extents(int fd) : fd_(fd) {}
+
+  /// Moves on to the next data at or behind a place.
+  ///
+  /// @return how much of `room` is before the next hole; 0 when there is no more data
+  size_t next(off_t& at, size_t room) noexcept {
+    if (!told_) return room;
+    const off_t data = ::lseek(fd_, at, SEEK_DATA);
+    if (data < 0 && errno == ENXIO) return 0;
+    const off_t hole = data < 0 ? -1 : ::lseek(fd_, data, SEEK_HOLE);
+    told_ = hole > data;
+    if (!told_) return room;
+    at = data;
+    return hole - data < static_cast<off_t>(room) ? static_cast<size_t>(hole - data) : room;
+  }
+
+ private:
+  int fd_;
+  bool told_ = true;
+};
+
 }  // namespace
 
 FileCopier::FileCopier(std::string siteName)
     : siteName_(std::move(siteName)), piece_(new char[kPiece]) {}
 
 void FileCopier::copy(int from, int to, off_t expected) {
-  copyRange(from, to, expected, std::numeric_limits<off_t>::max());
-}
-
-void FileCopier::copyWithHoles(int from, int to) {
-  off_t at = 0;
-  off_t data = 0;
-  // No placeholder reaches over a hole, which is of zeros.
-  for (; (data = ::lseek(from, at, SEEK_DATA)) >= 0; at = ::lseek(from, 0, SEEK_CUR)) {
-    const off_t end = ::lseek(from, data, SEEK_HOLE);
-    if (end < 0 || ::lseek(from, data, SEEK_SET) < 0 || ::lseek(to, data - at, SEEK_CUR) < 0 ||
-        !copyRange(from, to, end - data, end - data))
-      return;
-  }
-  if (errno != ENXIO) return;
-  const off_t end = ::lseek(from, 0, SEEK_END);
-  const off_t whole = end > at ? ::lseek(to, end - at, SEEK_CUR) : -1;
-  // What cannot be had is missing from there on, as what cannot be written.
-  static_cast<void>(whole >= 0 && ::ftruncate(to, whole) == 0);
-}
-
-/// @return whether all of `limit` was there and has been written
-bool FileCopier::copyRange(int from, int to, off_t expected, off_t limit) {
-  size_t held = 0;
+  held_ = 0;
   bool more = true;
-  while (more && limit > 0) {
-    const size_t room = kPiece - held;
-    const size_t wanted = limit < static_cast<off_t>(room) ? static_cast<size_t>(limit) : room;
-    const ssize_t got = readSome(from, piece_.get() + held, wanted);
+  while (more) {
+    const ssize_t got = again([&] { return ::read(from, piece_.get() + held_, kPiece - held_); });
     if (got <= 0) break;
     expected -= got;
-    limit -= got;
-    const std::string_view piece(piece_.get(), held + static_cast<size_t>(got));
     more = expected != 0;
-    const ReplacedPiece done = replacePlaceholders(piece, siteName_, replaced_);
-    if (!writeAll(to, done.text)) return false;
-    held = done.unfinished;
-    memmove(piece_.get(), piece.data() + piece.size() - held, held);
+    if (!put(to, static_cast<size_t>(got))) return;
   }
-  return writeAll(to, std::string_view(piece_.get(), held)) && limit == 0;
+  putRest(to);
+}
+
+void FileCopier::copyWithHoles(int from, int to, off_t size) {
+  held_ = 0;
+  Extents extents(from);
+  off_t at = 0;
+  for (;;) {
+    // Behind what may be the beginning of a placeholder no hole is passed over: it may be filled by
+    // now. A page is read instead, not to write many out.
+    size_t room = kPage;
+    if (held_ == 0) {
+      const off_t hole = at;
+      room = extents.next(at, kPiece);
+      if (room == 0) return lengthen(to, std::min(size, ::lseek(from, 0, SEEK_END)) - at);
+      if (at > hole && ::lseek(to, at - hole, SEEK_CUR) < 0) return;
+    }
+    const ssize_t got = again([&] { return ::pread(from, piece_.get() + held_, room, at); });
+    if (got <= 0) return putRest(to);
+    at += got;
+    if (!put(to, static_cast<size_t>(got))) return;
+  }
+}
+
+/// Writes the piece, of which so much has been read, but for what it must hold back.
+bool FileCopier::put(int to, size_t got) {
+  const std::string_view piece(piece_.get(), held_ + got);
+  const ReplacedPiece done = replacePlaceholders(piece, siteName_, replaced_);
+  if (!writeAll(to, done.text)) return false;
+  held_ = done.unfinished;
+  memmove(piece_.get(), piece.data() + piece.size() - held_, held_);
+  return true;
+}
+
+void FileCopier::putRest(int to) {
+  writeAll(to, std::string_view(piece_.get(), held_));
 }
 
 }  // namespace frask

@@ -27,13 +27,17 @@ class FileCopier {
 
   /// The same for a whole regular file that has holes: they become holes again. Written out, a
   /// skeleton of a few bytes would fill the file system of the sites.
-  void copyWithHoles(int from, int to);
+  ///
+  /// @param size  to which a hole at the end reaches at most, whatever is appended meanwhile
+  void copyWithHoles(int from, int to, off_t size);
 
  private:
-  bool copyRange(int from, int to, off_t expected, off_t limit);
+  bool put(int to, size_t got);
+  void putRest(int to);
 
   std::string siteName_;
   std::unique_ptr<char[]> piece_;
+  size_t held_ = 0;  ///< bytes at the beginning of the piece that wait for what comes next
   std::string replaced_;
 };
 

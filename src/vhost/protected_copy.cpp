@@ -130,8 +130,9 @@ namespace {
 /// @throws SystemError for a file that cannot be read, ExSystemError<ENOENT> for none
 void protect(const char* path) {
   const HoldingDirectory directory(path);
-  // Whoever may write to the directory could put a pipe there to hold the caller, or a link to a
-  // device that never ends. Neither can be copied.
+  // Deliberate: whoever may write to the directory could put a pipe there to hold the caller, or a
+  // link to a device that never ends. Neither can be copied, nor is the banner looked for in it.
+  // Pinned by CopyIfNoDontedit.LogsThatPipesAndDevicesCannotBeCopiedAndNeitherReadsThemNorWaits.
   const FileContent content =
       readFileAndMode(directory.fd(), directory.nameOf(path), path, Streams::kLeaveUnread);
   if (content.bytes.find(kBanner) != std::string::npos) return;

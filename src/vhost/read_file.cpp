@@ -14,6 +14,20 @@ namespace frask {
 namespace {
 
 constexpr std::size_t kChunk = 65536;
+constexpr int kReading = O_RDONLY | O_CLOEXEC;
+
+/// Opens without waiting for the other end of a pipe. A regular file that someone has a lease on is
+/// waited for, as by every reader: the kernel ends that.
+UniqueFd openUnread(int dir_fd, const char* name) {
+  UniqueFd fd(::openat(dir_fd, name, kReading | O_NONBLOCK | O_NOCTTY));
+  if (fd || errno != EAGAIN) return fd;
+  const UniqueFd place(::openat(dir_fd, name, O_PATH | O_CLOEXEC));
+  struct stat st = {};
+  if (place && ::fstat(place.get(), &st) == 0 && S_ISREG(st.st_mode))
+    return UniqueFd(::open(("/proc/self/fd/" + std::to_string(place.get())).c_str(), kReading));
+  errno = EAGAIN;
+  return {};
+}
 
 /// Fills `bytes` from `read(buffer, room)`, which gives how much it read: 0 at the end.
 template <class Read>
@@ -52,8 +66,7 @@ std::size_t takeSome(std::istream& in, char* buffer, std::size_t room) {
 FileContent readFileAndMode(int dir_fd, const char* name, const std::string& path,
                             Streams streams) {
   const bool all = streams == Streams::kRead;
-  const int waiting = all ? 0 : O_NONBLOCK | O_NOCTTY;
-  const UniqueFd fd(::openat(dir_fd, name, O_RDONLY | O_CLOEXEC | waiting));
+  const UniqueFd fd = all ? UniqueFd(::openat(dir_fd, name, kReading)) : openUnread(dir_fd, name);
   struct stat st = {};
   if (!fd || ::fstat(fd.get(), &st) != 0) {
     const int error = errno;

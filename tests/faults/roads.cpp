@@ -196,7 +196,13 @@ Stage::Stage() {
       "for device in null zero full random urandom; do\n"
       "  : >$device; mount --bind /dev/$device $device\n"
       "done\n"
-      "ln -s /proc/self/fd fd; mkdir shm; mount --rbind /mnt/dev /dev; mount --bind /mnt/tmp /tmp");
+      "ln -s /proc/self/fd fd; mkdir shm; mount --rbind /mnt/dev /dev\n"
+      // The programs themselves must not vanish with the old directory.
+      "for tree in " PROJECT_TREES
+      "; do\n"
+      "  case $tree in /tmp/*) mkdir -p /mnt$tree; mount --bind $tree /mnt$tree ;; esac\n"
+      "done\n"
+      "mount --rbind /mnt/tmp /tmp");
   open_log_socket();
   server_ = std::make_unique<testsupport::MariaDbServer>();
   server_->execute("replace into misc (param, val) values ('size_count_type', 'byte')");

@@ -74,8 +74,6 @@ TEST_F(SetupSkeleton, GivesTheSkeletonsModesWhateverAccessIsInherited) {
             (Lines{"d 0755 0:0 conf", "d 0705 0:4242 conf/sub", "d 0777 0:4242 conf/sub/deep"}));
 }
 
-// The group comes after the mode, and takes the set-id bits of a program away; set-group-ID on a
-// file that the group may not execute means something else, and stays.
 TEST_F(SetupSkeleton, LeavesTheMaskAndTheWorkingDirectoryOfItsCaller) {
   write_file(skeleton("httpdocs/img/logo.png"), "");
   fs::create_directory(root("elsewhere"));
@@ -88,6 +86,8 @@ TEST_F(SetupSkeleton, LeavesTheMaskAndTheWorkingDirectoryOfItsCaller) {
   EXPECT_EQ(outcome.out, "0\n137 1");
 }
 
+// The group comes after the mode, and takes the set-id bits of a program away; set-group-ID on a
+// file that the group may not execute means something else, and stays.
 TEST_F(SetupSkeleton, LosesTheSetIdBitsOfPrograms) {
   write_file(skeleton("cgi-bin/both"), "", 06755);
   write_file(skeleton("cgi-bin/user"), "", 04711);

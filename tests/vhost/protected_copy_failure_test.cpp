@@ -1,11 +1,13 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <climits>
@@ -98,6 +100,34 @@ TEST(CopyIfNoDontedit, LogsThatPipesAndDevicesCannotBeCopiedAndNeitherReadsThemN
   int unread = 0;
   EXPECT_EQ(ioctl(full.get(), FIONREAD, &unread), 0);
   EXPECT_EQ(unread, 53);
+}
+
+TEST(CopyIfNoDontedit, WaitsForTheEndOfALease) {
+  const ScratchDir dir;
+  write_file(dir / "f", "text");
+  int ready[2];
+  ASSERT_EQ(pipe2(ready, O_CLOEXEC), 0);
+  const pid_t holder = fork();
+  if (holder == 0) {
+    sigset_t broken;
+    sigemptyset(&broken);
+    sigaddset(&broken, SIGIO);
+    sigprocmask(SIG_BLOCK, &broken, nullptr);
+    const int fd = open((dir / "f").c_str(), O_RDWR | O_CLOEXEC);
+    if (fcntl(fd, F_SETLEASE, F_WRLCK) != 0 || write(ready[1], "", 1) != 1) _exit(1);
+    int signal = 0;
+    sigwait(&broken, &signal);  // someone opens the file
+    _exit(0);                   // which ends the lease
+  }
+  char byte = 0;
+  ASSERT_EQ(read(ready[0], &byte, 1), 1);
+  EXPECT_EQ(protect(dir / "f"), (Outcome{"", "", 0}));
+  EXPECT_EQ(read_file(dir / "f.saved_by_oxa"), "text");
+  int status = -1;
+  EXPECT_EQ(waitpid(holder, &status, 0), holder);
+  EXPECT_EQ(status, 0);
+  close(ready[0]);
+  close(ready[1]);
 }
 
 TEST(CopyIfNoDontedit, KeepsNoCopyOfWhatIsGoneOnceItHasBeenRead) {
