@@ -73,7 +73,7 @@ int main(int argc, char** argv) {
   if (argc == 4 && strcmp(argv[1], "write") == 0)
     return write_pattern(strtoul(argv[2], NULL, 10), strtoul(argv[3], NULL, 10));
   if (argc == 3 && strcmp(argv[1], "complain") == 0) return complain(strtoul(argv[2], NULL, 10));
-  if (argc == 3 && strcmp(argv[1], "chatter") == 0) return chatter(atoi(argv[2]));
-  if (argc == 3 && strcmp(argv[1], "exit") == 0) return atoi(argv[2]);
+  if (argc == 3 && strcmp(argv[1], "chatter") == 0) return chatter((int)strtol(argv[2], NULL, 10));
+  if (argc == 3 && strcmp(argv[1], "exit") == 0) return (int)strtol(argv[2], NULL, 10);
   return 95;
 }
