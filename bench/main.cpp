@@ -39,7 +39,8 @@ constexpr const char* kUsage =
 std::vector<long> numbers(const char* text) {
   std::vector<long> found;
   std::istringstream stream(text);
-  for (std::string word; std::getline(stream, word, ',');) found.push_back(atol(word.c_str()));
+  for (std::string word; std::getline(stream, word, ',');)
+    found.push_back(strtol(word.c_str(), nullptr, 10));
   return found;
 }
 
@@ -50,7 +51,9 @@ Options parse(int argc, char** argv) {
   Options options;
   for (int found = 0; (found = getopt_long(argc, argv, "", known, nullptr)) != -1;) {
     if (found == 'q') options.plan = {3, 41, 2}, options.sizes = {100, 10000};
-    if (found == 'p') options.plan = {atoi(optarg), atoi(optarg), 0};
+    if (found == 'p')
+      options.plan = {static_cast<int>(strtol(optarg, nullptr, 10)),
+                      static_cast<int>(strtol(optarg, nullptr, 10)), 0};
     if (found == 's') options.sizes = numbers(optarg);
     if (found == 'c') options.calls = true;
     if (found == 'l') options.list = true;

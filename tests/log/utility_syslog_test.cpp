@@ -58,7 +58,7 @@ TEST(FraskLogInit, ChoosesSyslogWithoutALocation) {
     printf("%d %d %s %d", getpid(), LogLevel, LogLocation == nullptr ? "null" : "set", LogFacility);
   });
   ASSERT_EQ(outcome.lines.size(), 2U) << outcome.child;
-  const long pid = atol(outcome.child.out.c_str());
+  const long pid = strtol(outcome.child.out.c_str(), nullptr, 10);
   EXPECT_EQ(outcome.lines[0], (SyslogLine{LOG_MAIL | LOG_ERR, "tembrix", pid, "one 1"}));
   EXPECT_EQ(outcome.lines[1], (SyslogLine{LOG_MAIL | LOG_NOTICE, "tembrix", pid, "two 2"}));
   EXPECT_EQ(outcome.child.out, std::to_string(pid) + " 5 null 16");
@@ -129,7 +129,7 @@ TEST(FraskLogInit, KeepsTheOptionsWithLogPidAdded) {
       frask_log(3, "x");
       printf("%d %u %u", getpid(), LogOpts, frask_log_get_opts());
     });
-    const long pid = atol(outcome.child.out.c_str());
+    const long pid = strtol(outcome.child.out.c_str(), nullptr, 10);
     const std::string kept = std::to_string(options | 1U);
     EXPECT_EQ(outcome.child.out, words({std::to_string(pid), kept, kept}));
     ASSERT_EQ(outcome.lines.size(), 1U) << outcome.child;

@@ -127,7 +127,7 @@ std::vector<int> open_descriptors() {
   if (stream == nullptr) throw std::runtime_error("cannot list the open descriptors");
   while (const dirent* entry = readdir(stream)) {
     if (entry->d_name[0] == '.') continue;
-    const int number = atoi(entry->d_name);
+    const auto number = static_cast<int>(strtol(entry->d_name, nullptr, 10));
     // valgrind keeps its own beyond those that it lets the program have.
     if (number == dirfd(stream) || static_cast<rlim_t>(number) >= kMostDescriptors) continue;
     numbers.push_back(number);

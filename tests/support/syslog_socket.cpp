@@ -47,12 +47,12 @@ SyslogLine parse(const std::string& datagram) {
   if (datagram[0] != '<' || end_of_priority == std::string::npos ||
       end_of_head == std::string::npos)
     throw std::runtime_error("not a syslog line: " + datagram);
-  line.priority = atoi(datagram.c_str() + 1);
+  line.priority = static_cast<int>(strtol(datagram.c_str() + 1, nullptr, 10));
   line.ident = datagram.substr(head, end_of_head - head);
   line.text = datagram.substr(end_of_head + 2);
   const size_t bracket = line.ident.find('[');
   if (bracket != std::string::npos) {
-    line.pid = atol(line.ident.c_str() + bracket + 1);
+    line.pid = strtol(line.ident.c_str() + bracket + 1, nullptr, 10);
     line.ident.resize(bracket);
   }
   return line;
