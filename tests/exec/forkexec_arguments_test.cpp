@@ -1,7 +1,6 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <stdarg.h>
 #include <stdlib.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
@@ -12,6 +11,7 @@
 
 #include "exec/exec_support.h"
 #include "exec/forkexec.h"
+#include "support/exec_raw.h"
 #include "support/private_mounts.h"
 #include "support/scratch.h"
 
@@ -37,14 +37,6 @@ std::string lines_of(int arguments) {
   std::string text;
   for (int i = 0; i < arguments; i += 10) text += kTenLines;
   return text.substr(0, static_cast<size_t>(arguments) * 2);
-}
-
-int raw(const char* path, ...) {
-  va_list args;
-  va_start(args, path);
-  const int result = path_exec_raw(path, args);
-  va_end(args);
-  return result;
 }
 
 }  // namespace
@@ -147,11 +139,11 @@ TEST(PathExec, PassesNinetyNineArgumentsOnAtMost) {
 TEST(PathExecRaw, TakesTheArgumentsFromAList) {
   const ScratchDir scratch;
   const std::string list = scratch / "list";
-  EXPECT_EQ(raw(kProbe, "args", list.c_str(), "one", nullptr), 0);
+  EXPECT_EQ(testsupport::exec_raw(kProbe, "args", list.c_str(), "one", nullptr), 0);
   EXPECT_EQ(read_file(list), std::string(kProbe) + "\nargs\n" + list + "\none\n");
-  EXPECT_EQ(raw(kProbe, "args", list.c_str(), FIFTY, FIFTY, FIFTY, nullptr), 0);
+  EXPECT_EQ(testsupport::exec_raw(kProbe, "args", list.c_str(), FIFTY, FIFTY, FIFTY, nullptr), 0);
   EXPECT_EQ(read_file(list), std::string(kProbe) + "\nargs\n" + list + "\n" + lines_of(97));
-  EXPECT_EQ(in_child([] { _exit(raw("/bin/false", nullptr)); }).exit_code(), 1);
+  EXPECT_EQ(in_child([] { _exit(testsupport::exec_raw("/bin/false", nullptr)); }).exit_code(), 1);
 }
 
 TEST(PathExec, ReportsAFailure) {

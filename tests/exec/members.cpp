@@ -1,6 +1,5 @@
 #include "exec/members.h"
 
-#include <stdarg.h>
 #include <stdlib.h>
 
 #include <string>
@@ -8,6 +7,7 @@
 #include "exec/exec_support.h"
 #include "exec/forkexec.h"
 #include "log/c_string.private.h"
+#include "support/exec_raw.h"
 
 namespace exectest {
 namespace {
@@ -15,14 +15,6 @@ namespace {
 // Not the probe: under a sanitizer that takes ten times as long to start.
 constexpr const char* kShell = "/bin/sh";
 constexpr const char* kName = "members-shell";
-
-int raw(const char* path, ...) {
-  va_list args;
-  va_start(args, path);
-  const int result = path_exec_raw(path, args);
-  va_end(args);
-  return result;
-}
 
 /// A routine's captured texts, which are not looked at.
 class Texts {
@@ -103,7 +95,9 @@ const std::vector<Member>& waiting_members() {
       {"path_exec", Start::kSpawn,
        [](const char* code) { return path_exec(kShell, "-c", script(code).c_str(), nullptr); }},
       {"path_exec_raw", Start::kSpawn,
-       [](const char* code) { return raw(kShell, "-c", script(code).c_str(), nullptr); }},
+       [](const char* code) {
+         return testsupport::exec_raw(kShell, "-c", script(code).c_str(), nullptr);
+       }},
       {"util_exec", Start::kSpawn,
        [](const char* code) { return util_exec(kName, "-c", script(code).c_str(), nullptr); }},
       {"util_exec_args", Start::kSpawn,

@@ -1,6 +1,5 @@
 #include <errno.h>
 #include <fcntl.h>
-#include <stdarg.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -8,6 +7,7 @@
 #include "exec/forkexec.h"
 #include "exec/texec.h"
 #include "faults/routines.h"
+#include "support/exec_raw.h"
 
 namespace faults {
 namespace {
@@ -48,14 +48,6 @@ std::string with_null(Call call) {
   const int result = call(null);
   if (null >= 0) close(null);
   return number(result);
-}
-
-int exec_raw(const char* path, ...) {
-  va_list args;
-  va_start(args, path);
-  const int result = path_exec_raw(path, args);
-  va_end(args);
-  return result;
 }
 
 /// A child that ends with 3, waited for.
@@ -203,7 +195,8 @@ Routines process_routines() {
       {"fork_execv_log", [] { return number(fork_execv_log("/bin/sh", both_streams(), 0)); }, none,
        sister},
       {"path_exec", [] { return number(path_exec("/bin/true", nullptr)); }},
-      {"path_exec_raw", [] { return number(exec_raw("/bin/true", nullptr)); }, none, sister},
+      {"path_exec_raw", [] { return number(testsupport::exec_raw("/bin/true", nullptr)); }, none,
+       sister},
       {"util_exec", [] { return number(util_exec("utility", nullptr)); }},
       {"util_exec_args", [] { return number(util_exec_args("utility", words({"utility"}))); }, none,
        sister},

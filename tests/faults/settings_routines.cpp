@@ -24,6 +24,11 @@ constexpr auto kSister = Share::kSister;
 constexpr const char* kIni = "/etc/oxa/private/dsn.ini";
 constexpr size_t kLarge = 1 << 20;  ///< bytes for which the C library asks the system
 
+/// A sister road that makes no system call that can fail.
+Routine without_calls(const std::string& name, const std::function<std::string()>& call) {
+  return {name, call, kNone, kSister, {}, false};
+}
+
 ConfR* new_table() {
   return static_cast<ConfR*>(calloc(1, sizeof(ConfR)));
 }
@@ -105,38 +110,26 @@ Routines settings_routines() {
       {"conf_read_file_r", read_table},
       {"conf_set_r",
        [] { return with_variable(kLarge, [](ConfR*) { return std::string("set"); }); }},
-      {"conf_init_r",
-       [] { return with_variable(1, [](ConfR* conf) { return number(conf_init_r(conf)); }); },
-       kNone,
-       kSister,
-       {},
-       false},
-      {"conf_get_r",
-       [] { return with_variable(1, [](ConfR* conf) { return text(conf_get_r("NAME", conf)); }); },
-       kNone,
-       kSister,
-       {},
-       false},
-      {"conf_finalize_r",
-       [] {
-         return with_variable(1, [](ConfR* conf) {
-           conf_finalize_r(conf);
-           return number(conf->sorted);
-         });
-       },
-       kNone,
-       kSister,
-       {},
-       false},
-      {"conf_free_r",
-       [] {
-         conf_free_r(new_table());
-         return done();
-       },
-       kNone,
-       kSister,
-       {},
-       false},
+      without_calls(
+          "conf_init_r",
+          [] { return with_variable(1, [](ConfR* conf) { return number(conf_init_r(conf)); }); }),
+      without_calls("conf_get_r",
+                    [] {
+                      return with_variable(
+                          1, [](ConfR* conf) { return text(conf_get_r("NAME", conf)); });
+                    }),
+      without_calls("conf_finalize_r",
+                    [] {
+                      return with_variable(1, [](ConfR* conf) {
+                        conf_finalize_r(conf);
+                        return number(conf->sorted);
+                      });
+                    }),
+      without_calls("conf_free_r",
+                    [] {
+                      conf_free_r(new_table());
+                      return done();
+                    }),
       {"cmp_conf", compared, kNone, kSister, {}, false},
       {"realloc_safe",
        [] {
@@ -151,39 +144,17 @@ Routines settings_routines() {
       {"get_ini_conf_var", [] { return taken(get_ini_conf_var(kIni, "frask", "username")); }},
       {"get_ini_conf_var_bool",
        [] { return number(get_ini_conf_var_bool(kIni, "frask", "username", 1)); }, kNone, kSister},
-      {"strip_line",
-       [] {
-         char line[] = " text ; comment";
-         return number(static_cast<int>(strip_line(line)));
-       },
-       kNone,
-       kSister,
-       {},
-       false},
-      {"idn_toascii",
-       [] { return taken(idn_toascii("b\303\274cher.example")); },
-       kNone,
-       kSister,
-       {},
-       false},
-      {"idn_toascii_safe",
-       [] { return taken(idn_toascii_safe("b\303\274cher.example")); },
-       kNone,
-       kSister,
-       {},
-       false},
-      {"idn_toutf8",
-       [] { return taken(idn_toutf8("xn--bcher-kva.example")); },
-       kNone,
-       kSister,
-       {},
-       false},
-      {"idn_url_toascii",
-       [] { return text(idn_url_toascii("http://b\303\274cher.example/page")); },
-       kNone,
-       kSister,
-       {},
-       false},
+      without_calls("strip_line",
+                    [] {
+                      char line[] = " text ; comment";
+                      return number(static_cast<int>(strip_line(line)));
+                    }),
+      without_calls("idn_toascii", [] { return taken(idn_toascii("b\303\274cher.example")); }),
+      without_calls("idn_toascii_safe",
+                    [] { return taken(idn_toascii_safe("b\303\274cher.example")); }),
+      without_calls("idn_toutf8", [] { return taken(idn_toutf8("xn--bcher-kva.example")); }),
+      without_calls("idn_url_toascii",
+                    [] { return text(idn_url_toascii("http://b\303\274cher.example/page")); }),
       {"idn_email_toascii",
        [much] {
          const std::string address = much + "@b\303\274cher.example";
@@ -196,16 +167,12 @@ Routines settings_routines() {
          return number(static_cast<int>(taken(idn_email_toascii_safe(address.c_str())).size()));
        },
        kNone, kSister},
-      {"idn_strerror", [] { return text(idn_strerror(1)); }, kNone, kSister, {}, false},
-      {"oxa_set_terminate",
-       [] {
-         oxa_set_terminate();
-         return done();
-       },
-       kNone,
-       kSister,
-       {},
-       false},
+      without_calls("idn_strerror", [] { return text(idn_strerror(1)); }),
+      without_calls("oxa_set_terminate",
+                    [] {
+                      oxa_set_terminate();
+                      return done();
+                    }),
   };
 }
 
@@ -260,30 +227,18 @@ Routines log_routines() {
              [] { logged([](va_list args) { _frask_utility_syslogv(LOG_ERR, "line", args); }); });
        },
        kNone, kSister},
-      {"frask_log_init",
-       [] {
-         frask_log_init(nullptr, LOG_INFO, LOG_MAIL, FRASK_LOG_TRACE, "faults");
-         return done();
-       },
-       kNone,
-       kSister,
-       {},
-       false},
-      {"frask_log_set_level",
-       [] {
-         frask_log_set_level(LOG_INFO);
-         return done();
-       },
-       kNone,
-       kSister,
-       {},
-       false},
-      {"frask_log_get_opts",
-       [] { return number(static_cast<int>(frask_log_get_opts())); },
-       kNone,
-       kSister,
-       {},
-       false},
+      without_calls("frask_log_init",
+                    [] {
+                      frask_log_init(nullptr, LOG_INFO, LOG_MAIL, FRASK_LOG_TRACE, "faults");
+                      return done();
+                    }),
+      without_calls("frask_log_set_level",
+                    [] {
+                      frask_log_set_level(LOG_INFO);
+                      return done();
+                    }),
+      without_calls("frask_log_get_opts",
+                    [] { return number(static_cast<int>(frask_log_get_opts())); }),
   };
 }
 

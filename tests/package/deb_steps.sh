@@ -112,11 +112,11 @@ run_programs() {
 
 depends_on_the_library() {
   step "DEB: what a package of such a program would depend on"
-  rm -rf "$cache/work"
-  mkdir -p "$cache/work/debian"
-  dpkg-deb -R "$packages"/libfrask9_*.deb "$cache/work/library"
-  printf 'Source: site\n\nPackage: site\nArchitecture: any\n' >"$cache/work/debian/control"
-  (cd "$cache/work" && dpkg-shlibdeps -Slibrary -l"$(echo library/usr/lib/*-linux-gnu*)" \
+  rm -rf "$cache/scratch"
+  mkdir -p "$cache/scratch/debian"
+  dpkg-deb -R "$packages"/libfrask9_*.deb "$cache/scratch/library"
+  printf 'Source: site\n\nPackage: site\nArchitecture: any\n' >"$cache/scratch/debian/control"
+  (cd "$cache/scratch" && dpkg-shlibdeps -Slibrary -l"$(echo library/usr/lib/*-linux-gnu*)" \
     -O "$root/tmp/pc/site" 2>/dev/null) | tr , '\n' | grep frask |
     same "the dependency that the symbols give" ' libfrask9 (>= 9.0.0)'
 }
