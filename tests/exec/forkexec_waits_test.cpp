@@ -15,6 +15,7 @@
 #include "exec/exec_support.h"
 #include "exec/forkexec.h"
 #include "exec/members.h"
+#include "support/repetitions.h"
 #include "support/scratch.h"
 
 using exectest::Argv;
@@ -312,8 +313,9 @@ TEST(WaitingMembers, LeaveNoDescriptorAndNoZombieBehind) {
     const std::vector<int> before = testsupport::open_descriptors();
     long calls = 0;
     for (const Member& member : exectest::waiting_members()) {
-      // A fork takes its time, most of all under a sanitizer.
-      const int count = member.start == exectest::Start::kSpawn ? 660 : 240;
+      // A fork takes its time.
+      const int count =
+          testsupport::repetitions(member.start == exectest::Start::kSpawn ? 660 : 240);
       for (int i = 0; i < count; ++i, ++calls) {
         const int code = i % 2;
         if (member.run(code == 0 ? "0" : "1") != code) dprintf(report, "%s failed\n", member.name);
@@ -325,5 +327,5 @@ TEST(WaitingMembers, LeaveNoDescriptorAndNoZombieBehind) {
     }
     dprintf(report, "%ld calls\n", calls);
   });
-  EXPECT_EQ(outcome.out, "10020 calls\n");
+  EXPECT_EQ(outcome.out, std::to_string(testsupport::repetitions(10020)) + " calls\n");
 }

@@ -12,6 +12,7 @@
 
 #include "exec/commands.h"
 #include "exec/texec.h"
+#include "support/repetitions.h"
 #include "support/scratch.h"
 
 using frask::Handle;
@@ -26,8 +27,8 @@ using testsupport::open_descriptors;
 namespace {
 
 constexpr auto kWait = frask::sys::wait_mode;
-constexpr size_t kExecutions = 10000;
-constexpr size_t kFailedForks = 2000;
+constexpr size_t kExecutions = testsupport::repetitions(10000);
+constexpr size_t kFailedForks = testsupport::repetitions(2000);
 
 /// Throws before the fork.
 class ThrowingStart : public TExec::TPrepare {

@@ -4,6 +4,8 @@
 #include <optional>
 #include <sstream>
 
+#include "faults/messages.h"
+
 namespace faults {
 namespace {
 
@@ -29,10 +31,6 @@ std::optional<Entry> find(const Lines& lines, const std::string& path) {
   for (const std::string& line : lines)
     if (Entry entry(line); entry.path == path) return entry;
   return std::nullopt;
-}
-
-bool contains(const Lines& lines, const std::string& line) {
-  return std::find(lines.begin(), lines.end(), line) != lines.end();
 }
 
 /// Whether a fault may leave `found` of what a clean run makes as `whole`.

@@ -1,14 +1,15 @@
 // A bounded part of what fault_sweep does: about every second call of the roads that differ fails
 // in one of the ways, and some of the calls of all other roads.
+#include <errno.h>
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <sys/mount.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -121,23 +122,36 @@ class Faults : public ::testing::Test {
 #ifdef __SANITIZE_ADDRESS__
     GTEST_SKIP() << "the sanitizer's own system calls would fail, too, and end the program";
 #endif
-    stage_ = std::make_unique<Stage>();
   }
-
- private:
-  std::unique_ptr<Stage> stage_;
 };
 
 }  // namespace
 
 TEST_F(Faults, LeaveTheProgramWithADocumentedEnd) {
+  const Stage stage;
   sweep_all(Stage::tool_roads(),
             {"test-archive z", "test-archive tar", "test-archive tgz", "install-skel z",
              "install-skel tar", "install-skel,", "install-default"});
 }
 
 TEST_F(Faults, LeaveTheRoutinesWithADocumentedEndAndNoDescriptor) {
+  const Stage stage;
   sweep_all(Stage::routine_roads(), {"get_param", "get_mail"});
+}
+
+TEST_F(Faults, OfALookAtTheFileThatStandsForALinkAreNotHeardOf) {
+  const Stage stage;
+  SweepOptions options;
+  options.only = SYS_newfstatat;
+  options.errors = {EIO};
+  options.own_step = kOneCall;
+  options.phase = 1;  // none of the program's own
+  for (const Road& road : Stage::tool_roads()) {
+    if (!has_prefix(road, {"install-skel tar"})) continue;
+    const SweepResult result = faults::sweep(road, options);
+    expect_no_complaints(road, result);
+    EXPECT_EQ(result.unmade_links, 1);
+  }
 }
 
 TEST_F(Faults, MeetEveryPlainRoutineThatIsExported) {
@@ -151,6 +165,7 @@ TEST_F(Faults, MeetEveryPlainRoutineThatIsExported) {
 }
 
 TEST_F(Faults, OfAKilledInstallationAreMendedByTheNext) {
+  const Stage stage;
   for (const Road& road : Stage::tool_roads()) {
     if (has_prefix(road, {"install-skel tgz"}))
       expect_no_complaints(road, faults::kill_sweep(road, 20));
@@ -160,6 +175,7 @@ TEST_F(Faults, OfAKilledInstallationAreMendedByTheNext) {
 }
 
 TEST_F(Faults, OfAFullFileSystemAreReported) {
+  const Stage stage;
   for (const Road& road : spoilt_roads()) {
     const char* place = file_system_of(road);
     const auto mend = [place] { empty(place); };
@@ -178,6 +194,7 @@ TEST_F(Faults, OfAFullFileSystemAreReported) {
 }
 
 TEST_F(Faults, OfAReadOnlyFileSystemAreReported) {
+  const Stage stage;
   for (const Road& road : spoilt_roads()) {
     const char* place = file_system_of(road);
     expect_no_complaints(road, faults::run_spoilt(
@@ -187,11 +204,13 @@ TEST_F(Faults, OfAReadOnlyFileSystemAreReported) {
 }
 
 TEST_F(Faults, OfAFullStandardOutputLeaveTheStatus) {
+  const Stage stage;
   for (const Road& road : Stage::tool_roads())
     expect_no_complaints(road, faults::run_unheard(road));
 }
 
 TEST_F(Faults, OfAFullStandardOutputLeaveFatalReportsOnStandardError) {
+  const Stage stage;
   const testsupport::Outcome outcome =
       testsupport::run(faults::unheard({TEMBRIX_PROGRAM, "--install-skel"}));
   EXPECT_EQ(outcome.exit_code(), 1);

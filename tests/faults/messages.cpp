@@ -218,6 +218,10 @@ std::vector<std::string> lines_of(const std::string& text) {
   return lines;
 }
 
+bool contains(const Lines& lines, const std::string& line) {
+  return std::find(lines.begin(), lines.end(), line) != lines.end();
+}
+
 Verdict verdict_of_tool(const Outcome& outcome, const Road& road, const CallFault& fault) {
   const int code = outcome.exit_code();
   if (code < 0) return {"killed", "is ended by a signal"};

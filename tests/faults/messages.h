@@ -16,6 +16,7 @@ struct Verdict {
 };
 
 std::vector<std::string> lines_of(const std::string& text);
+bool contains(const Lines& lines, const std::string& line);
 
 /// A fault that is not one of a call, but of what lies around the process.
 constexpr testsupport::CallFault kSurroundings{};
