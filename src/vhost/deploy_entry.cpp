@@ -15,6 +15,7 @@
 #include "fs/unique_fd.h"
 #include "vhost/deploy_entry.private.h"
 #include "vhost/path_text.private.h"
+#include "vhost/read_file.private.h"
 
 namespace fs = std::filesystem;
 
@@ -193,8 +194,7 @@ bool EntryDeployer::createFile(const Found& original, const Target& target) {
     reportExisting(target);
     return true;
   }
-  const UniqueFd from(::openat(original.place.dir_fd, original.place.name,
-                               O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  const UniqueFd from = openUnread(original.place.dir_fd, original.place.name, O_NOFOLLOW);
   if (from && hasHoles(original.st))
     copier_.copyWithHoles(from.get(), to.get(), original.st.st_size);
   else if (from)

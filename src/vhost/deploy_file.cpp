@@ -1,5 +1,6 @@
 #include <errno.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -39,6 +40,13 @@ void lengthen(int fd, off_t bytes) noexcept {
   static_cast<void>(whole >= 0 && ::ftruncate(fd, whole) == 0);
 }
 
+/// Whether a pipe or a device has come into the place of the file that was looked at.
+bool mayNeverEnd(int fd) noexcept {
+  struct stat st = {};
+  return ::fstat(fd, &st) != 0 || S_ISFIFO(st.st_mode) || S_ISCHR(st.st_mode) ||
+         S_ISBLK(st.st_mode);
+}
+
 /// Where a file has data. A file that does not tell has data everywhere.
 class Extents {
  public:
@@ -46,15 +54,17 @@ class Extents {
 
   /// Moves on to the next data at or behind a place.
   ///
-  /// @return how much of `room` is before the next hole; 0 when there is no more data
+  /// @return how much of `room` to read there; 0 when there is no more data
   size_t next(off_t& at, size_t room) noexcept {
     if (!told_) return room;
     const off_t data = ::lseek(fd_, at, SEEK_DATA);
-    if (data < 0 && errno == ENXIO) return 0;
-    const off_t hole = data < 0 ? -1 : ::lseek(fd_, data, SEEK_HOLE);
-    told_ = hole > data;
-    if (!told_) return room;
+    if (data < 0) {
+      told_ = errno == ENXIO;
+      return told_ ? 0 : room;
+    }
     at = data;
+    const off_t hole = ::lseek(fd_, data, SEEK_HOLE);
+    if (hole <= data) return kPage;  // the data has gone since
     return hole - data < static_cast<off_t>(room) ? static_cast<size_t>(hole - data) : room;
   }
 
@@ -70,36 +80,38 @@ FileCopier::FileCopier(std::string siteName)
 
 void FileCopier::copy(int from, int to, off_t expected) {
   held_ = 0;
-  bool more = true;
-  while (more) {
+  for (bool first = true;; first = false) {
     const ssize_t got = again([&] { return ::read(from, piece_.get() + held_, kPiece - held_); });
     if (got <= 0) break;
     expected -= got;
-    more = expected != 0;
     if (!put(to, static_cast<size_t>(got))) return;
+    if (expected == 0 || (first && mayNeverEnd(from))) break;
   }
   putRest(to);
 }
 
 void FileCopier::copyWithHoles(int from, int to, off_t size) {
   held_ = 0;
+  if (mayNeverEnd(from)) return;
   Extents extents(from);
-  off_t at = 0;
+  off_t at = 0;    // where to read
+  off_t done = 0;  // where what was read before ends
+  ssize_t got = 0;
   for (;;) {
     // Behind what may be the beginning of a placeholder no hole is passed over: it may be filled by
     // now. A page is read instead, not to write many out.
-    size_t room = kPage;
-    if (held_ == 0) {
-      const off_t hole = at;
-      room = extents.next(at, kPiece);
-      if (room == 0) return lengthen(to, std::min(size, ::lseek(from, 0, SEEK_END)) - at);
-      if (at > hole && ::lseek(to, at - hole, SEEK_CUR) < 0) return;
-    }
-    const ssize_t got = again([&] { return ::pread(from, piece_.get() + held_, room, at); });
-    if (got <= 0) return putRest(to);
-    at += got;
+    const size_t room = held_ == 0 ? extents.next(at, kPiece) : kPage;
+    if (room == 0 || at >= size) break;
+    got = again([&] { return ::pread(from, piece_.get() + held_, room, at); });
+    if (got <= 0) break;
+    if (at > done && ::lseek(to, at - done, SEEK_CUR) < 0) return;
     if (!put(to, static_cast<size_t>(got))) return;
+    at += got;
+    done = at;
   }
+  if (!putRest(to)) return;
+  const off_t end = got < 0 ? at : std::min(size, ::lseek(from, 0, SEEK_END));
+  lengthen(to, end - done);
 }
 
 /// Writes the piece, of which so much has been read, but for what it must hold back.
@@ -112,8 +124,8 @@ bool FileCopier::put(int to, size_t got) {
   return true;
 }
 
-void FileCopier::putRest(int to) {
-  writeAll(to, std::string_view(piece_.get(), held_));
+bool FileCopier::putRest(int to) {
+  return writeAll(to, std::string_view(piece_.get(), held_));
 }
 
 }  // namespace frask

@@ -107,7 +107,8 @@ FRASK_API void wido_delete_instance(const char* vhostDir, const DocrootCleanOpti
  * place. Links are followed: call it for files in directories that only the panel writes to. A
  * failed backup is logged through frask_log with priority 3 and does not stop the caller; the name
  * that was reserved for it stays, in most cases as an empty file. So it is with pipes and devices,
- * which cannot be copied and are neither read nor waited for.
+ * which cannot be copied and are neither read nor waited for. A file that another process has a
+ * lease on is waited for, up to /proc/sys/fs/lease-break-time seconds.
  *
  * Deliberate: in a process whose standard input is closed every backup fails that way, because
  * descriptor 0 counts as a failure. Pinned by CopyIfNoDontedit.TakesDescriptor0ForAFailure.

@@ -33,8 +33,7 @@ class HoldingDirectory {
 };
 
 /// Writes what was read from `path` to a new file with the first free one of `names`, which lie in
-/// `directory`. That none is
-/// free is logged.
+/// `directory`. That none is free is logged.
 /// @throws SystemError when a name cannot be reserved; std::filesystem::filesystem_error, whose
 ///         text is that of std::filesystem::copy_file(), when the copy fails: the reserved file
 ///         then stays, empty

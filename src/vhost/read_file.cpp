@@ -1,5 +1,6 @@
 #include <errno.h>
 #include <fcntl.h>
+#include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,19 +16,6 @@ namespace {
 
 constexpr std::size_t kChunk = 65536;
 constexpr int kReading = O_RDONLY | O_CLOEXEC;
-
-/// Opens without waiting for the other end of a pipe. A regular file that someone has a lease on is
-/// waited for, as by every reader: the kernel ends that.
-UniqueFd openUnread(int dir_fd, const char* name) {
-  UniqueFd fd(::openat(dir_fd, name, kReading | O_NONBLOCK | O_NOCTTY));
-  if (fd || errno != EAGAIN) return fd;
-  const UniqueFd place(::openat(dir_fd, name, O_PATH | O_CLOEXEC));
-  struct stat st = {};
-  if (place && ::fstat(place.get(), &st) == 0 && S_ISREG(st.st_mode))
-    return UniqueFd(::open(("/proc/self/fd/" + std::to_string(place.get())).c_str(), kReading));
-  errno = EAGAIN;
-  return {};
-}
 
 /// Fills `bytes` from `read(buffer, room)`, which gives how much it read: 0 at the end.
 template <class Read>
@@ -63,10 +51,28 @@ std::size_t takeSome(std::istream& in, char* buffer, std::size_t room) {
 
 }  // namespace
 
+UniqueFd openUnread(int dir_fd, const char* name, int flags) noexcept {
+  UniqueFd fd(::openat(dir_fd, name, kReading | O_NONBLOCK | O_NOCTTY | flags));
+  if (fd || errno != EAGAIN) return fd;
+  // By its descriptor, since by its name a pipe might be opened by now.
+  const UniqueFd place(::openat(dir_fd, name, O_PATH | O_CLOEXEC | flags));
+  struct stat st = {};
+  if (!place || ::fstat(place.get(), &st) != 0) return {};
+  if (S_ISREG(st.st_mode)) {
+    char itself[32];
+    snprintf(itself, sizeof itself, "/proc/self/fd/%d", place.get());
+    fd.reset(::open(itself, kReading));
+    if (fd || errno != ENOENT) return fd;  // there is no /proc
+  }
+  errno = EAGAIN;
+  return {};
+}
+
 FileContent readFileAndMode(int dir_fd, const char* name, const std::string& path,
                             Streams streams) {
   const bool all = streams == Streams::kRead;
-  const UniqueFd fd = all ? UniqueFd(::openat(dir_fd, name, kReading)) : openUnread(dir_fd, name);
+  const UniqueFd fd =
+      all ? UniqueFd(::openat(dir_fd, name, kReading)) : openUnread(dir_fd, name, 0);
   struct stat st = {};
   if (!fd || ::fstat(fd.get(), &st) != 0) {
     const int error = errno;

@@ -6,12 +6,23 @@
 
 #include <string>
 
+#include "fs/unique_fd.h"
+
 namespace frask {
 
 struct FileContent {
   std::string bytes;
   mode_t mode;  ///< of what was opened, its type included
 };
+
+/// Opens a file for reading without waiting for the other end of a pipe. A regular file on which
+/// someone has a lease is waited for, as by every reader: the kernel ends that after
+/// /proc/sys/fs/lease-break-time seconds (45 unless it is set). Without /proc it cannot be waited
+/// for.
+///
+/// @param flags  O_NOFOLLOW or 0
+/// @return empty with errno, EAGAIN for a lease that could not be waited for
+UniqueFd openUnread(int dir_fd, const char* name, int flags) noexcept;
 
 /// What to do with pipes and devices, which may keep their reader waiting or never end.
 enum class Streams { kRead, kLeaveUnread };

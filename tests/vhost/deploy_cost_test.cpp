@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 
 #include "vhost/deploy_fixture.h"
 
@@ -102,6 +103,52 @@ TEST_F(SetupSkeleton, KeepsWhatWasReadBeforeAFailure) {
   const std::string copy = testsupport::read_file(host("conf/file"));
   EXPECT_EQ(copy, text.substr(0, copy.size()));
   EXPECT_EQ(copy.size(), 262144U);
+}
+
+/// A file of 4 MiB with a text at the beginning and another in the middle.
+void make_sparse(const std::string& path) {
+  write_file(path, "first");
+  fs::resize_file(path, 2097152);
+  std::ofstream(path, std::ios::app) << "second";
+  fs::resize_file(path, 4194304);
+}
+
+TEST_F(SetupSkeleton, GoesOnAfterAnInterruptedReadOfAFileWithHoles) {
+  make_sparse(skeleton("conf/file"));
+  ASSERT_EQ(deploy_traced({"-o", kLog, "-P", skeleton("conf/file"), "-e",
+                           "inject=pread64:error=EINTR:when=1+2"},
+                          options_),
+            (testsupport::Outcome{"", "", 0}));
+  EXPECT_EQ(count(testsupport::read_file(kLog), "(INJECTED)"), 2);
+  EXPECT_TRUE(testsupport::read_file(host("conf/file")) ==
+              testsupport::read_file(skeleton("conf/file")));
+}
+
+TEST_F(SetupSkeleton, EndsAFileWithHolesWhereACallFails) {
+  struct Row {
+    const char* what;
+    std::string traced;
+    const char* injection;
+    size_t left;
+  };
+  for (const Row& row :
+       {Row{"a read", skeleton("conf/file"), "pread64:error=EIO:when=2", 2097152},
+        Row{"the first write", host("conf/file"), "write:error=ENOSPC:when=1", 0},
+        Row{"the second write", host("conf/file"), "write:error=ENOSPC:when=2", 4096},
+        Row{"passing over a hole", host("conf/file"), "lseek:error=EINVAL:when=1", 4096},
+        Row{"the last hole", host("conf/file"), "ftruncate:error=ENOSPC:when=1", 2097152 + 4096}}) {
+    SCOPED_TRACE(row.what);
+    fs::remove_all(root("example.com"));
+    make_sparse(skeleton("conf/file"));
+    ASSERT_EQ(
+        deploy_traced({"-o", kLog, "-P", row.traced, "-e", std::string("inject=") + row.injection},
+                      options_),
+        (testsupport::Outcome{"", "", 0}));
+    EXPECT_EQ(count(testsupport::read_file(kLog), "(INJECTED)"), 1);
+    EXPECT_TRUE(testsupport::read_file(host("conf/file")) ==
+                testsupport::read_file(skeleton("conf/file")).substr(0, row.left))
+        << testsupport::read_file(host("conf/file")).size();
+  }
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <stdexcept>
 
+#include "support/lease_holder.h"
 #include "vhost/deploy_entry.private.h"
 #include "vhost/deploy_race_fixture.h"
 
@@ -119,6 +120,25 @@ TEST_F(SetupSkeletonInARace, CopiesAnOriginalThatGrowsOrShrinks) {
     EXPECT_EQ(deployStoppedAt(kOpeningOfOriginalFile, [&] { write_file(path, later); }), done());
     EXPECT_EQ(testsupport::read_file(host("conf/file")), later);
   }
+}
+
+TEST_F(SetupSkeletonInARace, WaitsForTheEndOfALeaseOnAnOriginal) {
+  write_file(skeleton("conf/file"), "text of @domain_name@");
+  const testsupport::LeaseHolder holder(skeleton("conf/file"));
+  EXPECT_EQ(deploy(), done());
+  EXPECT_EQ(testsupport::read_file(host("conf/file")), "text of example.com");
+  EXPECT_TRUE(holder.was_asked());
+}
+
+TEST_F(SetupSkeletonInARace, TakesOnePieceAtMostOfAPipeInThePlaceOfAnOriginal) {
+  write_file(skeleton("conf/file"), "text");
+  EXPECT_EQ(deployStoppedAt(kOpeningOfOriginalFile,
+                            [&] {
+                              fs::remove(skeleton("conf/file"));
+                              ASSERT_EQ(mkfifo(skeleton("conf/file").c_str(), 0600), 0);
+                            }),
+            done());
+  EXPECT_EQ(testsupport::read_file(host("conf/file")), "");
 }
 
 TEST_F(SetupSkeletonInARace, PassesNoLinkThatGetsIntoTheSkeleton) {

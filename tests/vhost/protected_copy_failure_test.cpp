@@ -12,12 +12,14 @@
 
 #include <climits>
 #include <functional>
+#include <iostream>
 #include <string>
 
 #include "error/SystemError.h"
 #include "fs/unique_fd.h"
 #include "log/utility_log.h"
 #include "support/child.h"
+#include "support/lease_holder.h"
 #include "support/private_mounts.h"
 #include "support/scratch.h"
 #include "support/stopped_child.h"
@@ -105,29 +107,28 @@ TEST(CopyIfNoDontedit, LogsThatPipesAndDevicesCannotBeCopiedAndNeitherReadsThemN
 TEST(CopyIfNoDontedit, WaitsForTheEndOfALease) {
   const ScratchDir dir;
   write_file(dir / "f", "text");
-  int ready[2];
-  ASSERT_EQ(pipe2(ready, O_CLOEXEC), 0);
-  const pid_t holder = fork();
-  if (holder == 0) {
-    sigset_t broken;
-    sigemptyset(&broken);
-    sigaddset(&broken, SIGIO);
-    sigprocmask(SIG_BLOCK, &broken, nullptr);
-    const int fd = open((dir / "f").c_str(), O_RDWR | O_CLOEXEC);
-    if (fcntl(fd, F_SETLEASE, F_WRLCK) != 0 || write(ready[1], "", 1) != 1) _exit(1);
-    int signal = 0;
-    sigwait(&broken, &signal);  // someone opens the file
-    _exit(0);                   // which ends the lease
-  }
-  char byte = 0;
-  ASSERT_EQ(read(ready[0], &byte, 1), 1);
+  const testsupport::LeaseHolder holder(dir / "f");
   EXPECT_EQ(protect(dir / "f"), (Outcome{"", "", 0}));
   EXPECT_EQ(read_file(dir / "f.saved_by_oxa"), "text");
-  int status = -1;
-  EXPECT_EQ(waitpid(holder, &status, 0), holder);
-  EXPECT_EQ(status, 0);
-  close(ready[0]);
-  close(ready[1]);
+  EXPECT_TRUE(holder.was_asked());
+}
+
+TEST(CopyIfNoDontedit, ThrowsForALeaseThatItCannotWaitFor) {
+  const ScratchDir dir;
+  write_file(dir / "f", "text");
+  const testsupport::LeaseHolder holder(dir / "f");
+  const Outcome outcome = in_child([&] {
+    testsupport::enter_private_mounts();
+    if (umount2("/proc", MNT_DETACH) != 0) _exit(1);
+    try {
+      copy_if_no_dontedit((dir / "f").c_str());
+    } catch (const frask::SystemError& error) {
+      std::cout << error.what();
+    }
+  });
+  EXPECT_EQ(outcome,
+            (Outcome{(dir / "f") + ": open failed: Resource temporarily unavailable", "", 0}));
+  EXPECT_FALSE(fs::exists(dir / "f.saved_by_oxa"));
 }
 
 TEST(CopyIfNoDontedit, KeepsNoCopyOfWhatIsGoneOnceItHasBeenRead) {

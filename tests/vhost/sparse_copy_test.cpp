@@ -1,0 +1,244 @@
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <functional>
+
+#include "fs/unique_fd.h"
+#include "support/scratch.h"
+#include "support/stopped_child.h"
+#include "vhost/deploy_file.private.h"
+#include "vhost/placeholder.private.h"
+
+// Files with holes on their way into a site.
+namespace {
+
+using frask::FileCopier;
+using frask::UniqueFd;
+
+/// A file of zeros but for some texts, which alone take room.
+UniqueFd file_with_holes(const std::string& path, off_t size,
+                         const std::vector<std::pair<off_t, std::string>>& texts) {
+  UniqueFd fd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  EXPECT_EQ(ftruncate(fd.get(), size), 0);
+  for (const auto& [at, text] : texts)
+    EXPECT_EQ(pwrite(fd.get(), text.data(), text.size(), at), static_cast<ssize_t>(text.size()));
+  return fd;
+}
+
+struct HoleRow {
+  const char* what;
+  off_t size;
+  std::vector<std::pair<off_t, std::string>> texts;
+};
+
+TEST(SparseCopy, CopiesAFileWithHolesByteForByte) {
+  constexpr off_t kMiB = 1048576;
+  const std::string placeholder = "@domain_name@";
+  const std::string dense(3 * 262144 + 5, '@');
+  for (const HoleRow& row : std::vector<HoleRow>{
+           {"nothing else", kMiB, {}},
+           {"a hole at the end", kMiB, {{0, placeholder}}},
+           {"a hole at the beginning", kMiB, {{kMiB - 13, placeholder}}},
+           {"a hole on either side", kMiB, {{kMiB / 2 - 5, placeholder}}},
+           {"several", 4 * kMiB, {{0, "a@"}, {kMiB, placeholder + "@domain_"}, {3 * kMiB, "@"}}},
+           {"a beginning before a hole", kMiB, {{4096 - 8, "@domain_"}}},
+           {"a beginning at the end", kMiB, {{kMiB - 8, "@domain_"}}},
+           {"an end behind a hole", kMiB, {{524288, "name@"}}},
+           {"a size within a page", kMiB + 1, {{8192, placeholder}}},
+           {"more than one read between", 4 * kMiB, {{kMiB, dense + placeholder + dense}}}}) {
+    SCOPED_TRACE(row.what);
+    const testsupport::ScratchDir scratch;
+    const UniqueFd from = file_with_holes(scratch / "from", row.size, row.texts);
+    const UniqueFd to(open((scratch / "to").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    FileCopier copier("a.longer.name.test");
+    copier.copyWithHoles(from.get(), to.get(), row.size);
+    std::string replaced;
+    const std::string original = testsupport::read_file(scratch / "from");
+    const frask::ReplacedPiece all =
+        frask::replacePlaceholders(original, "a.longer.name.test", replaced);
+    const std::string expected =
+        std::string(all.text) + original.substr(original.size() - all.unfinished);
+    EXPECT_TRUE(testsupport::read_file(scratch / "to") == expected);
+    struct stat original_st = {};
+    struct stat copy_st = {};
+    ASSERT_EQ(fstat(from.get(), &original_st), 0);
+    ASSERT_EQ(fstat(to.get(), &copy_st), 0);
+    EXPECT_LE(copy_st.st_blocks, original_st.st_blocks + 64)
+        << "a page for each longer or open text";
+  }
+}
+
+UniqueFd socket_with_text() {
+  int ends[2];
+  if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) return {};
+  const UniqueFd in(ends[1]);
+  EXPECT_EQ(write(in.get(), "text", 4), 4);
+  return UniqueFd(ends[0]);
+}
+
+TEST(SparseCopy, LeavesASourceWithoutPositionsUncopiedWhereHolesAreSaid) {
+  const testsupport::ScratchDir scratch;
+  const UniqueFd to(open((scratch / "to").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+  FileCopier copier("a.test");
+  copier.copyWithHoles(socket_with_text().get(), to.get(), 4);
+  EXPECT_EQ(testsupport::read_file(scratch / "to"), "");
+}
+
+TEST(SparseCopy, CopiesAFileThatTellsNothingOfItsHoles) {
+  const testsupport::ScratchDir scratch;
+  const UniqueFd from(open("/proc/version", O_RDONLY | O_CLOEXEC));
+  ASSERT_LT(lseek(from.get(), 0, SEEK_DATA), 0);
+  const UniqueFd to(open((scratch / "to").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+  FileCopier copier("a.test");
+  copier.copyWithHoles(from.get(), to.get(), 4096);
+  EXPECT_EQ(testsupport::read_file(scratch / "to"), testsupport::read_file("/proc/version"));
+}
+
+/// What a file becomes that is changed while the copier stands before one of its calls.
+struct Copy {
+  std::string text;
+  blkcnt_t blocks = 0;
+};
+
+Copy copied_while_changed(off_t size, const std::vector<std::pair<off_t, std::string>>& texts,
+                          const testsupport::Call& before,
+                          const std::function<void(int from)>& change) {
+  const testsupport::ScratchDir scratch;
+  const UniqueFd from = file_with_holes(scratch / "from", size, texts);
+  const UniqueFd to(open((scratch / "to").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+  const auto outcome = testsupport::in_child_stopped_at(
+      before, [&] { change(from.get()); },
+      [&] { FileCopier("a.test").copyWithHoles(from.get(), to.get(), size); });
+  EXPECT_EQ(outcome, (testsupport::Outcome{"", "", 0}));
+  struct stat st = {};
+  EXPECT_EQ(fstat(to.get(), &st), 0);
+  return {testsupport::read_file(scratch / "to"), st.st_blocks};
+}
+
+std::function<void(int)> addition(off_t where, const std::string& text) {
+  return [=](int from) {
+    EXPECT_EQ(pwrite(from, text.data(), text.size(), where), static_cast<ssize_t>(text.size()));
+  };
+}
+
+std::function<void(int)> cut(off_t size) {
+  return [=](int from) { EXPECT_EQ(ftruncate(from, size), 0); };
+}
+
+std::function<void(int)> hole_at(off_t where) {
+  return [=](int from) {
+    EXPECT_EQ(fallocate(from, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, where, 4096), 0);
+  };
+}
+
+TEST(SparseCopy, FindsAPlaceholderOfWhichAHoleWasFilledMeanwhile) {
+  const std::string copy = copied_while_changed(8192, {{4096 - 8, "@domain_"}},
+                                                {SYS_pread64, "", 2}, addition(4096, "name@!"))
+                               .text;
+  EXPECT_EQ(copy.find_first_not_of('\0'), 4096U - 8);
+  EXPECT_EQ(copy.substr(4096 - 8, 7), "a.test!");
+  EXPECT_EQ(copy.size(), 8192U - 13 + 6);
+}
+
+TEST(SparseCopy, LeavesWhatIsAppendedMeanwhile) {
+  for (const int look : {3, 4}) {  // for more data, and for the end
+    const std::string copy =
+        copied_while_changed(8192, {{4092, "text"}}, {SYS_lseek, "", look}, addition(8192, "more"))
+            .text;
+    EXPECT_EQ(copy.size(), 8192U);
+    EXPECT_EQ(copy.substr(4092, 5), std::string("text\0", 5));
+  }
+}
+
+/// Of 4 MiB, with a text at the beginning and another in the middle. The first data is looked for
+/// by two calls and read by a third; the fourth and fifth find the second.
+constexpr off_t kSize = 4194304;
+const std::vector<std::pair<off_t, std::string>> kTwoTexts{{0, "first"}, {kSize / 2, "second"}};
+const testsupport::Call kLookForSecondData{SYS_lseek, "", 3};
+const testsupport::Call kLookForEndOfSecondData{SYS_lseek, "", 4};
+const testsupport::Call kReadOfSecondData{SYS_pread64, "", 2};
+
+TEST(SparseCopy, EndsWhereTheFileWasCutMeanwhile) {
+  std::string expected(kSize / 2 - 4096, '\0');
+  expected.replace(0, 5, "first");
+  for (const auto& before : {kLookForSecondData, kLookForEndOfSecondData, kReadOfSecondData}) {
+    const Copy copy = copied_while_changed(kSize, kTwoTexts, before, cut(kSize / 2 - 4096));
+    EXPECT_TRUE(copy.text == expected) << copy.text.size();
+    EXPECT_LE(copy.blocks, 16) << "a hole was written out";
+  }
+}
+
+TEST(SparseCopy, LeavesAHoleThatHasComeMeanwhile) {
+  std::string expected(kSize, '\0');
+  expected.replace(0, 5, "first");
+  for (const auto& before : {kLookForSecondData, kLookForEndOfSecondData, kReadOfSecondData}) {
+    const Copy copy = copied_while_changed(kSize, kTwoTexts, before, hole_at(kSize / 2));
+    EXPECT_TRUE(copy.text == expected) << copy.text.size();
+    EXPECT_LE(copy.blocks, 16) << "a hole was written out";
+  }
+}
+
+TEST(SparseCopy, GivesAFileThatHasBecomeShorterItsPresentSize) {
+  const testsupport::ScratchDir scratch;
+  const UniqueFd from = file_with_holes(scratch / "from", kSize / 2, {{0, "text"}});
+  const UniqueFd to(open((scratch / "to").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+  FileCopier("a.test").copyWithHoles(from.get(), to.get(), kSize);
+  EXPECT_EQ(std::filesystem::file_size(scratch / "to"), static_cast<uintmax_t>(kSize / 2));
+}
+
+TEST(SparseCopy, GoesBeyondWhatFitsInto32Bits) {
+  const testsupport::ScratchDir scratch;
+  constexpr off_t kAt = 5368709120;
+  const UniqueFd from = file_with_holes(scratch / "from", kAt + 13, {{kAt, "@domain_name@"}});
+  const UniqueFd to(open((scratch / "to").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  FileCopier("a.test").copyWithHoles(from.get(), to.get(), kAt + 13);
+  struct stat st = {};
+  ASSERT_EQ(fstat(to.get(), &st), 0);
+  EXPECT_EQ(st.st_size, kAt + 6);
+  EXPECT_LE(st.st_blocks, 16);
+  char text[6];
+  ASSERT_EQ(pread(to.get(), text, sizeof text, kAt), 6);
+  EXPECT_EQ(std::string(text, sizeof text), "a.test");
+}
+
+TEST(SparseCopy, LeavesOutAHoleForWhichThereIsNoRoom) {
+  const testsupport::ScratchDir scratch;
+  const auto outcome = testsupport::in_child([&] {
+    const UniqueFd from = file_with_holes(scratch / "from", kSize, {{0, "text"}});
+    const UniqueFd to(open((scratch / "to").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit = {65536, 65536};
+    if (setrlimit(RLIMIT_FSIZE, &limit) != 0) _exit(1);
+    FileCopier("a.test").copyWithHoles(from.get(), to.get(), kSize);
+  });
+  EXPECT_EQ(outcome, (testsupport::Outcome{"", "", 0}));
+  EXPECT_EQ(std::filesystem::file_size(scratch / "to"), 4096U);
+}
+
+TEST(SparseCopy, ReadsNeitherAPipeNorADeviceToItsEnd) {
+  const testsupport::ScratchDir scratch;
+  ASSERT_EQ(mkfifo((scratch / "pipe").c_str(), 0600), 0);
+  const UniqueFd pipe(open((scratch / "pipe").c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+  ASSERT_EQ(write(pipe.get(), "text", 4), 4);
+  const UniqueFd zeros(open("/dev/zero", O_RDONLY | O_CLOEXEC));
+  for (const int from : {pipe.get(), zeros.get()}) {
+    for (const bool with_holes : {true, false}) {
+      const auto outcome = testsupport::in_child([&] {
+        alarm(30);
+        const UniqueFd to(open((scratch / "to").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600));
+        FileCopier copier("a.test");
+        if (with_holes) return copier.copyWithHoles(from, to.get(), off_t{1} << 42);
+        copier.copy(from, to.get(), 3);
+      });
+      EXPECT_EQ(outcome, (testsupport::Outcome{"", "", 0}));
+      EXPECT_LE(std::filesystem::file_size(scratch / "to"), FileCopier::kPiece);
+    }
+  }
+}
+
+}  // namespace
