@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr size_t kGrowth = 4096;
+constexpr size_t kTextGrowth = 4096;
 
 // Deliberate: only the exit byte counts, so a command killed by a signal reads as 0, and callers
 // rely on it. Pinned by PopenExec.ReadsDeathBySignalAsSuccess.
@@ -25,15 +25,16 @@ void complain(const char* line) {
   errno = error;
 }
 
-/// Reads to the end of the stream into `text`, which has room for kGrowth bytes and a terminator.
+/// Reads to the end of the stream into `text`, which has room for kTextGrowth bytes and a
+/// terminator.
 void read_stream(FILE* stream, frask::CString& text) {
-  size_t capacity = kGrowth;
+  size_t capacity = kTextGrowth;
   size_t used = 0;
   for (;;) {
     used += fread(text.get() + used, 1, capacity - used, stream);
     if (used < capacity) break;
-    if (frask::resize(text, capacity + kGrowth + 1)) {
-      capacity += kGrowth;
+    if (frask::resize(text, capacity + kTextGrowth + 1)) {
+      capacity += kTextGrowth;
       continue;
     }
     complain("popen_exec: warning: failed to allocate memory for command output buffer\n");
@@ -76,7 +77,7 @@ int popen_exec_getoutput(char** out, const char* command) {
         "memory\n");
     return -1;
   }
-  frask::CString text(static_cast<char*>(malloc(kGrowth + 1)));
+  frask::CString text(static_cast<char*>(malloc(kTextGrowth + 1)));
   if (text == nullptr) {
     complain("popen_exec: failed to allocate memory\n");
     pclose(stream);

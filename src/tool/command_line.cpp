@@ -10,8 +10,8 @@ void wido_cpp_init(void) {
 }
 
 // NOLINTNEXTLINE(readability-non-const-parameter): argv as main() has it
-void check_unprocessed_parameters(int argc, int optind, char** /*argv*/) {
-  if (argc != optind)
+void check_unprocessed_parameters(int argc, int next, char** /*argv*/) {
+  if (argc != next)
     messlog2(1, 1,
              "Some parameters in command string are left unprocessed. Check parameters please.");
 }

@@ -11,8 +11,6 @@
 namespace frask {
 namespace {
 
-constexpr mode_t kPermissions = 0777;
-
 /// A path, cut before its last element.
 struct Cut {
   std::string way;

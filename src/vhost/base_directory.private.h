@@ -2,11 +2,16 @@
 #ifndef FRASK_VHOST_BASE_DIRECTORY_PRIVATE_H
 #define FRASK_VHOST_BASE_DIRECTORY_PRIVATE_H
 
+#include <sys/types.h>
+
 #include <string>
 
 #include "fs/unique_fd.h"
 
 namespace frask {
+
+/// Of new directories, before the umask.
+constexpr mode_t kPermissions = 0777;
 
 /// Where an entry lies: `name` in the directory `dir_fd`, which may be AT_FDCWD.
 struct Place {

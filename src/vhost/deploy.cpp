@@ -18,8 +18,6 @@ namespace fs = std::filesystem;
 namespace frask {
 namespace {
 
-constexpr mode_t kPermissions = 0777;
-
 bool isMissing(const fs::path& path) noexcept {
   struct stat st = {};
   return ::stat(path.c_str(), &st) != 0 && errno == ENOENT;

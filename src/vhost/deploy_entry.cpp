@@ -23,7 +23,6 @@ namespace frask {
 namespace {
 
 constexpr mode_t kReadWrite = 0666;
-constexpr mode_t kPermissions = 0777;
 constexpr mode_t kSetIdsAndPermissions = 07777;
 constexpr uid_t kUnchangedOwner = static_cast<uid_t>(-1);
 

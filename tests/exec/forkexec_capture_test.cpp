@@ -42,7 +42,7 @@ long count(const std::string& text, const std::string& what) {
 
 /// Gives the process the files "in" and "err" of the scratch directory as standard input and error,
 /// and "more" as descriptor 7, without the close-on-exec flag.
-void open_files(const ScratchDir& scratch) {
+void open_all_but_output(const ScratchDir& scratch) {
   exectest::open_as(0, scratch / "in");
   exectest::open_as(2, scratch / "err");
   exectest::open_as(7, scratch / "more");
@@ -139,7 +139,7 @@ TEST(ForkExecvGetout, CapturesOutputOnly) {
   const ScratchDir scratch;
   const Argv argv({kProbe, "fds", "-"});
   const Outcome outcome = in_child([&] {
-    open_files(scratch);
+    open_all_but_output(scratch);
     print(capture_out(argv));
   });
   EXPECT_EQ(outcome.out,
@@ -150,7 +150,7 @@ TEST(ForkExecvGetouterr, CapturesOutputAndErrors) {
   const ScratchDir scratch;
   const Argv argv({kProbe, "fds", "-"});
   const Outcome outcome = in_child([&] {
-    open_files(scratch);
+    open_all_but_output(scratch);
     print(capture_both(argv));
   });
   EXPECT_EQ(outcome.out, "0|0 " + (scratch / "in") + " rw\n1 pipe w\n2 pipe w\n|\n");

@@ -116,30 +116,21 @@ const char* file_system_of(const Road& road) {
   return road.state.empty() || road.state[0].rfind("/mnt", 0) == 0 ? "/mnt" : "/var/www";
 }
 
-class Faults : public ::testing::Test {
- protected:
-  void SetUp() override {
-#ifdef __SANITIZE_ADDRESS__
-    GTEST_SKIP() << "the sanitizer's own system calls would fail, too, and end the program";
-#endif
-  }
-};
-
 }  // namespace
 
-TEST_F(Faults, LeaveTheProgramWithADocumentedEnd) {
+TEST(Faults, LeaveTheProgramWithADocumentedEnd) {
   const Stage stage;
   sweep_all(Stage::tool_roads(),
             {"test-archive z", "test-archive tar", "test-archive tgz", "install-skel z",
              "install-skel tar", "install-skel,", "install-default"});
 }
 
-TEST_F(Faults, LeaveTheRoutinesWithADocumentedEndAndNoDescriptor) {
+TEST(Faults, LeaveTheRoutinesWithADocumentedEndAndNoDescriptor) {
   const Stage stage;
   sweep_all(Stage::routine_roads(), {"get_param", "get_mail"});
 }
 
-TEST_F(Faults, OfALookAtTheFileThatStandsForALinkAreNotHeardOf) {
+TEST(Faults, OfALookAtTheFileThatStandsForALinkAreNotHeardOf) {
   const Stage stage;
   SweepOptions options;
   options.only = SYS_newfstatat;
@@ -154,7 +145,7 @@ TEST_F(Faults, OfALookAtTheFileThatStandsForALinkAreNotHeardOf) {
   }
 }
 
-TEST_F(Faults, MeetEveryPlainRoutineThatIsExported) {
+TEST(Faults, MeetEveryPlainRoutineThatIsExported) {
   const std::vector<Road> roads = Stage::routine_roads();
   const std::vector<std::string> exported = exported_plain_routines();
   EXPECT_GT(exported.size(), 90U);
@@ -164,7 +155,7 @@ TEST_F(Faults, MeetEveryPlainRoutineThatIsExported) {
         << name << " is exported and has no road";
 }
 
-TEST_F(Faults, OfAKilledInstallationAreMendedByTheNext) {
+TEST(Faults, OfAKilledInstallationAreMendedByTheNext) {
   const Stage stage;
   for (const Road& road : Stage::tool_roads()) {
     if (has_prefix(road, {"install-skel tgz"}))
@@ -174,7 +165,7 @@ TEST_F(Faults, OfAKilledInstallationAreMendedByTheNext) {
   }
 }
 
-TEST_F(Faults, OfAFullFileSystemAreReported) {
+TEST(Faults, OfAFullFileSystemAreReported) {
   const Stage stage;
   for (const Road& road : spoilt_roads()) {
     const char* place = file_system_of(road);
@@ -193,7 +184,7 @@ TEST_F(Faults, OfAFullFileSystemAreReported) {
   }
 }
 
-TEST_F(Faults, OfAReadOnlyFileSystemAreReported) {
+TEST(Faults, OfAReadOnlyFileSystemAreReported) {
   const Stage stage;
   for (const Road& road : spoilt_roads()) {
     const char* place = file_system_of(road);
@@ -203,13 +194,13 @@ TEST_F(Faults, OfAReadOnlyFileSystemAreReported) {
   }
 }
 
-TEST_F(Faults, OfAFullStandardOutputLeaveTheStatus) {
+TEST(Faults, OfAFullStandardOutputLeaveTheStatus) {
   const Stage stage;
   for (const Road& road : Stage::tool_roads())
     expect_no_complaints(road, faults::run_unheard(road));
 }
 
-TEST_F(Faults, OfAFullStandardOutputLeaveFatalReportsOnStandardError) {
+TEST(Faults, OfAFullStandardOutputLeaveFatalReportsOnStandardError) {
   const Stage stage;
   const testsupport::Outcome outcome =
       testsupport::run(faults::unheard({TEMBRIX_PROGRAM, "--install-skel"}));

@@ -19,6 +19,7 @@ namespace {
 using fstest::Change;
 using fstest::changes;
 using fstest::ended;
+using fstest::make_tree_of_nobody;
 using fstest::report;
 using testsupport::in_child;
 using testsupport::ScratchDir;
@@ -149,17 +150,11 @@ TEST(EitherChange, EndsOnAReadOnlyFileSystem) {
 }
 
 /// A tree that belongs to the unprivileged user: "top" with "sub" in it.
-void make_tree_of_nobody(const ScratchDir& scratch) {
-  write_file(scratch / "top/sub/file", "");
-  chown_tree(scratch.path().c_str(), 65534, 65534, 1);
-  ASSERT_EQ(chmod(scratch.path().c_str(), 0755), 0);
-}
-
 TEST(EitherChange, EndsWhereTheWorkingDirectoryCannotBeOpened) {
   for (const Change& change : changes()) {
     SCOPED_TRACE(change.name);
     const ScratchDir scratch;
-    ASSERT_NO_FATAL_FAILURE(make_tree_of_nobody(scratch));
+    make_tree_of_nobody(scratch);
     ASSERT_EQ(chmod(scratch.path().c_str(), 0111), 0);
     const auto outcome = in_child([&] {
       fstest::become_nobody_in(scratch.path());
@@ -183,7 +178,7 @@ TEST(EitherChange, EndsAtADirectoryThatCannotBeReadOrSearched) {
     for (const Change& change : changes()) {
       SCOPED_TRACE(change.name + ", " + row.closed + ": " + row.text);
       const ScratchDir scratch;
-      ASSERT_NO_FATAL_FAILURE(make_tree_of_nobody(scratch));
+      make_tree_of_nobody(scratch);
       const std::string closed = scratch / (row.closed == std::string("top") ? "top" : "top/sub");
       ASSERT_EQ(chmod(closed.c_str(), row.mode), 0);
       const auto outcome = in_child([&] {
@@ -199,7 +194,7 @@ TEST(EitherChange, EndsWhenAnEntryCannotBeExamined) {
   for (const Change& change : changes()) {
     SCOPED_TRACE(change.name);
     const ScratchDir scratch;
-    ASSERT_NO_FATAL_FAILURE(make_tree_of_nobody(scratch));
+    make_tree_of_nobody(scratch);
     const std::string sub = scratch / "top/sub";
     const auto outcome = testsupport::in_child_stopped_at(
         {SYS_newfstatat, "file"}, [&] { chmod(sub.c_str(), 0400); },

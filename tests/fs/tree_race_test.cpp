@@ -19,14 +19,13 @@ namespace {
 using fstest::Change;
 using fstest::changes;
 using fstest::ended;
+using fstest::kReturned;
 using testsupport::Call;
 using testsupport::in_child_stopped_at;
 using testsupport::ScratchDir;
 using testsupport::tree_listing;
 using testsupport::write_file;
 using Lines = std::vector<std::string>;
-
-constexpr int kReturned = 40;
 
 /// "file" and "pipe" in "sub" in "top".
 void make_tree(const ScratchDir& scratch) {

@@ -21,6 +21,8 @@
 namespace {
 
 using fstest::ended;
+using fstest::kReturned;
+using fstest::make_tree_of_nobody;
 using fstest::report;
 using testsupport::in_child;
 using testsupport::Outcome;
@@ -29,8 +31,6 @@ using testsupport::set_immutable;
 using testsupport::tree_listing;
 using testsupport::write_file;
 using Lines = std::vector<std::string>;
-
-constexpr int kReturned = 40;  ///< and the result that was returned: how a child ends
 
 /// rm_tree_aux() in a child that stands in `directory`, which must be its own still afterwards.
 Outcome remove_in(const std::filesystem::path& directory, const std::string& path,
@@ -203,12 +203,6 @@ TEST(RmTree, StopsAtTheFirstFailure) {
 }
 
 /// A tree that belongs to the unprivileged user: "file" in "sub" in "top".
-void make_tree_of_nobody(const ScratchDir& scratch) {
-  write_file(scratch / "top/sub/file", "");
-  chown_tree(scratch.path().c_str(), 65534, 65534, 1);
-  ASSERT_EQ(chmod(scratch.path().c_str(), 0755), 0);
-}
-
 void remove_top_as_nobody(const ScratchDir& scratch) {
   fstest::become_nobody_in(scratch.path());
   _exit(kReturned + rm_tree_aux("top", 1, 0));
@@ -216,7 +210,7 @@ void remove_top_as_nobody(const ScratchDir& scratch) {
 
 TEST(RmTreeAux, ReportsAWorkingDirectoryThatCannotBeOpened) {
   const ScratchDir scratch;
-  ASSERT_NO_FATAL_FAILURE(make_tree_of_nobody(scratch));
+  make_tree_of_nobody(scratch);
   ASSERT_EQ(chmod(scratch.path().c_str(), 0111), 0);
   EXPECT_EQ(
       in_child([&] { remove_top_as_nobody(scratch); }),
@@ -237,7 +231,7 @@ TEST(RmTreeAux, ReportsADirectoryThatCannotBeReadOrSearched) {
         {"top/sub", 0444, report("Unable to change dir ", "sub", EACCES) + not_empty}}) {
     SCOPED_TRACE(row.reports);
     const ScratchDir scratch;
-    ASSERT_NO_FATAL_FAILURE(make_tree_of_nobody(scratch));
+    make_tree_of_nobody(scratch);
     ASSERT_EQ(chmod((scratch / row.closed).c_str(), row.mode), 0);
     EXPECT_EQ(in_child([&] { remove_top_as_nobody(scratch); }), ended(kReturned + 1, row.reports));
   }
@@ -245,7 +239,7 @@ TEST(RmTreeAux, ReportsADirectoryThatCannotBeReadOrSearched) {
 
 TEST(RmTreeAux, ReportsAnEntryThatCannotBeExamined) {
   const ScratchDir scratch;
-  ASSERT_NO_FATAL_FAILURE(make_tree_of_nobody(scratch));
+  make_tree_of_nobody(scratch);
   const std::string sub = scratch / "top/sub";
   EXPECT_EQ(testsupport::in_child_stopped_at(
                 {SYS_unlinkat, "file"}, [&] { chmod(sub.c_str(), 0400); },
@@ -268,7 +262,7 @@ TEST(RmTreeAux, ReportsAWayBackThatIsClosed) {
                          {".", 4, not_restored + report("Unable to remove dir ", "top", EACCES)}}) {
     SCOPED_TRACE(row.closed);
     const ScratchDir scratch;
-    ASSERT_NO_FATAL_FAILURE(make_tree_of_nobody(scratch));
+    make_tree_of_nobody(scratch);
     const std::string closed = scratch / row.closed;
     EXPECT_EQ(testsupport::in_child_stopped_at(
                   {SYS_fchdir, "", row.fchdir}, [&] { chmod(closed.c_str(), 0); },

@@ -7,6 +7,7 @@
 #include <stddef.h>
 #include <string.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -58,6 +59,12 @@ void refuse_fchmodat2(int error) {
   if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
       prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program, 0, 0) != 0)
     _exit(97);
+}
+
+void make_tree_of_nobody(const testsupport::ScratchDir& scratch) {
+  testsupport::write_file(scratch / "top/sub/file", "");
+  chown_tree(scratch.path().c_str(), 65534, 65534, 1);
+  testsupport::require(chmod(scratch.path().c_str(), 0755) == 0, "chmod");
 }
 
 std::string working_directory() {

@@ -10,6 +10,7 @@
 #include "support/child.h"
 #include "support/limits.h"
 #include "support/odd_trees.h"
+#include "support/scratch.h"
 
 namespace fstest {
 
@@ -33,6 +34,9 @@ const std::vector<Change>& changes();
 /// A report of a system call that failed with `error`, as it stands on either stream.
 std::string report(const std::string& text, const std::string& name, int error);
 
+/// And a result that was returned: how a child ends.
+constexpr int kReturned = 40;
+
 /// How a child ends that has written `reports` to both streams.
 testsupport::Outcome ended(int exit_code, const std::string& reports);
 
@@ -44,6 +48,9 @@ bool has_fchmodat2();
 /// those that it starts: with ENOSYS as where the kernel lacks it, with EPERM as under filters that
 /// are older than the call.
 void refuse_fchmodat2(int error);
+
+/// "top/sub/file", all of which belongs to nobody, who may enter.
+void make_tree_of_nobody(const testsupport::ScratchDir& scratch);
 
 std::string working_directory();
 

@@ -21,6 +21,7 @@ namespace {
 
 using fstest::changes;
 using fstest::ended;
+using fstest::kReturned;
 using fstest::report;
 using testsupport::Call;
 using testsupport::Outcome;
@@ -28,8 +29,6 @@ using testsupport::ScratchDir;
 using testsupport::tree_listing;
 using testsupport::write_file;
 using Lines = std::vector<std::string>;
-
-constexpr int kReturned = 40;  ///< and a result that was returned: how a child ends
 
 /// "file" in "dir" in "top", beside "outside", which holds the same. While `walk` stands before a
 /// call, `entry` is moved aside and a link to its like in "outside" put in its place.

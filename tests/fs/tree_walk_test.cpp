@@ -26,6 +26,7 @@
 namespace {
 
 using fstest::ended;
+using fstest::kReturned;
 using fstest::report;
 using testsupport::in_child;
 using testsupport::Outcome;
@@ -33,8 +34,6 @@ using testsupport::ScratchDir;
 using testsupport::tree_listing;
 using testsupport::write_file;
 using Lines = std::vector<std::string>;
-
-constexpr int kReturned = 40;  ///< and a result that was returned: how a child ends
 constexpr int kDeep = 5000;
 
 /// How many directories in a chain of "d" below `top`, itself included, have not the mode.

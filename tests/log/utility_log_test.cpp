@@ -11,6 +11,7 @@
 
 #include <string>
 
+#include "log/call_logv.h"
 #include "support/child.h"
 
 namespace {
@@ -21,13 +22,6 @@ using testsupport::Outcome;
 /// The process's log mask; setlogmask(0) only asks.
 int log_mask() {
   return setlogmask(0);
-}
-
-void call_logv(int priority, const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  frask_logv(priority, format, args);
-  va_end(args);
 }
 
 /// What both entry points write for `text` at `priority`; they must not differ.

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "log/call_logv.h"
 #include "log/utility_log.h"
 #include "support/child.h"
 #include "support/scratch.h"
@@ -26,13 +27,6 @@ using testsupport::SyslogLine;
 using testsupport::SyslogOutcome;
 
 const RunOptions kWithTraceId{{}, {{"FRASK_LOG_TRACE_ID", "T4711"}}, {}};
-
-void call_logv(int priority, const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  frask_logv(priority, format, args);
-  va_end(args);
-}
 
 std::vector<std::string> texts(const SyslogOutcome& outcome) {
   std::vector<std::string> result;

@@ -18,10 +18,6 @@ namespace fs = std::filesystem;
 namespace testsupport {
 namespace {
 
-void require(bool done, const std::string& what) {
-  if (!done) throw std::runtime_error(what + ": " + strerror(errno));
-}
-
 void make_socket(const fs::path& path) {
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;

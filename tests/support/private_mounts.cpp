@@ -19,10 +19,6 @@ namespace fs = std::filesystem;
 namespace testsupport {
 namespace {
 
-void require(bool done, const std::string& what) {
-  if (!done) throw std::runtime_error(what + ": " + strerror(errno));
-}
-
 void mount_memory(const fs::path& place) {
   require(mount("tmpfs", place.c_str(), "tmpfs", 0, "mode=0755") == 0,
           "mounting tmpfs on " + place.string());

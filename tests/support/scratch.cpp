@@ -1,8 +1,10 @@
 #include "support/scratch.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -14,6 +16,10 @@
 namespace fs = std::filesystem;
 
 namespace testsupport {
+
+void require(bool done, const std::string& what) {
+  if (!done) throw std::runtime_error(what + ": " + strerror(errno));
+}
 
 ScratchDir::ScratchDir() : ScratchDir(fs::temp_directory_path()) {}
 

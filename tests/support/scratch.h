@@ -27,6 +27,9 @@ class ScratchDir {
   std::filesystem::path path_;
 };
 
+/// Throws std::runtime_error with the text of errno behind `what` unless `done`.
+void require(bool done, const std::string& what);
+
 /// A parent for directories of thousands of entries: in memory, where the system has such a place.
 std::filesystem::path memory_directory();
 

@@ -105,16 +105,16 @@ TEST(IdnUrlToascii, ReportsAUrlThatDoesNotMatch) {
 }
 
 TEST(IdnUrlToascii, ReportsAHostThatCannotBeConverted) {
-  struct Failure {
+  struct Refusal {
     const char* url;
     const char* text;
     int code;
   };
-  const Failure failures[] = {{"http://a..b/", "Invalid length", 5},
+  const Refusal refusals[] = {{"http://a..b/", "Invalid length", 5},
                               {"http://user@xn--\u00fc/", "ACE prefix found", 8},
                               {"\u0378:80", "Stringprep error", 1},
                               {"http://\xff/", "Iconv error", 9}};
-  for (const Failure& failure : failures) {
+  for (const Refusal& failure : refusals) {
     SCOPED_TRACE(failure.url);
     const Outcome outcome = in_child([&failure] {
       errno = 0;

@@ -27,7 +27,7 @@ constexpr int kRuns = 200;  // each takes ten times as long
 constexpr int kRuns = 1000;
 #endif
 constexpr int kAtOnce = 16;
-constexpr size_t kLimit = 5;
+constexpr size_t kConnections = 5;
 constexpr const char* kSocket = "/var/lib/mysql/mysql.sock";
 
 struct CloseConnection {
@@ -128,10 +128,10 @@ TEST_F(TestIntegrityLoad, AnswersOrSaysThatTheServerIsFull) {
   // The server allows ten connections or more; all but five of those it has are held.
   const MariaDbServer server({"sesame", kSocket, true, {"--max-connections=10"}});
   std::vector<Connection> held = all_connections();
-  ASSERT_GT(held.size(), kLimit);
+  ASSERT_GT(held.size(), kConnections);
   const Outcome refusal = no_connection("Too many connections");
   EXPECT_EQ(test(), refusal);
-  held.resize(held.size() - kLimit);
+  held.resize(held.size() - kConnections);
 
   void* shared =
       mmap(nullptr, sizeof(Tally), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
