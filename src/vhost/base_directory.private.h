@@ -10,7 +10,7 @@
 
 namespace frask {
 
-/// Of new directories, before the umask.
+/// All of them: what a new directory is asked to have, before the umask.
 constexpr mode_t kPermissions = 0777;
 
 /// Where an entry lies: `name` in the directory `dir_fd`, which may be AT_FDCWD.

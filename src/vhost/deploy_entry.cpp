@@ -194,12 +194,21 @@ bool EntryDeployer::createFile(const Found& original, const Target& target) {
     return true;
   }
   const UniqueFd from = openUnread(original.place.dir_fd, original.place.name, O_NOFOLLOW);
-  if (from && hasHoles(original.st))
-    copier_.copyWithHoles(from.get(), to.get(), original.st.st_size);
-  else if (from)
-    copier_.copy(from.get(), to.get(), original.st.st_size);
+  if (from) copyContent(from.get(), to.get());
   setModeAndGroup(to.get(), original.st.st_mode);
   return true;
+}
+
+/// By what was opened: others may have put something else in the place that was looked at, a pipe
+/// or a device that never ends, too.
+void EntryDeployer::copyContent(int from, int to) {
+  struct stat st = {};
+  const bool known = ::fstat(from, &st) == 0;
+  if (known && !S_ISREG(st.st_mode)) return;
+  if (known && hasHoles(st))
+    copier_.copyWithHoles(from, to);
+  else
+    copier_.copy(from, to, known ? st.st_size : -1);
 }
 
 void EntryDeployer::createDirectory(mode_t mode, const Target& target, Place place) {

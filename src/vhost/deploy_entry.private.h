@@ -40,6 +40,7 @@ class EntryDeployer {
   static Found look(ConfinedDirectory& directory, const char* below);
   /// False when the file was not created, for another reason than that something is there.
   bool createFile(const Found& original, const Target& target);
+  void copyContent(int from, int to);
   void createDirectory(mode_t mode, const Target& target, Place place);
   bool isAsMade(int fd, mode_t mode) const noexcept;
   void setModeAndGroup(int fd, mode_t mode) const noexcept;

@@ -1,6 +1,5 @@
 #include <errno.h>
 #include <string.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -40,13 +39,6 @@ void lengthen(int fd, off_t bytes) noexcept {
   static_cast<void>(whole >= 0 && ::ftruncate(fd, whole) == 0);
 }
 
-/// Whether a pipe or a device has come into the place of the file that was looked at.
-bool mayNeverEnd(int fd) noexcept {
-  struct stat st = {};
-  return ::fstat(fd, &st) != 0 || S_ISFIFO(st.st_mode) || S_ISCHR(st.st_mode) ||
-         S_ISBLK(st.st_mode);
-}
-
 /// Where a file has data. A file that does not tell has data everywhere.
 class Extents {
  public:
@@ -80,38 +72,39 @@ FileCopier::FileCopier(std::string siteName)
 
 void FileCopier::copy(int from, int to, off_t expected) {
   held_ = 0;
-  for (bool first = true;; first = false) {
+  bool more = true;
+  while (more) {
     const ssize_t got = again([&] { return ::read(from, piece_.get() + held_, kPiece - held_); });
     if (got <= 0) break;
     expected -= got;
+    more = expected != 0;
     if (!put(to, static_cast<size_t>(got))) return;
-    if (expected == 0 || (first && mayNeverEnd(from))) break;
   }
   putRest(to);
 }
 
-void FileCopier::copyWithHoles(int from, int to, off_t size) {
+void FileCopier::copyWithHoles(int from, int to) {
   held_ = 0;
-  if (mayNeverEnd(from)) return;
   Extents extents(from);
-  off_t at = 0;    // where to read
-  off_t done = 0;  // where what was read before ends
-  ssize_t got = 0;
-  for (;;) {
+  for (off_t done = 0;;) {
+    off_t at = done;
+    // Before the data is looked for: what is appended in between is found, and no hole made of it.
+    const off_t end = ::lseek(from, 0, SEEK_END);
     // Behind what may be the beginning of a placeholder no hole is passed over: it may be filled by
     // now. A page is read instead, not to write many out.
     const size_t room = held_ == 0 ? extents.next(at, kPiece) : kPage;
-    if (room == 0 || at >= size) break;
-    got = again([&] { return ::pread(from, piece_.get() + held_, room, at); });
-    if (got <= 0) break;
+    if (room == 0) return lengthen(to, std::min(end, ::lseek(from, 0, SEEK_END)) - done);
+    const ssize_t got = again([&] { return ::pread(from, piece_.get() + held_, room, at); });
+    if (got <= 0) {
+      if (!putRest(to)) return;
+      // It ends there, or was cut before, unless it cannot be read from there on.
+      const off_t last = got < 0 ? at : std::min(at, ::lseek(from, 0, SEEK_END));
+      return lengthen(to, last - done);
+    }
     if (at > done && ::lseek(to, at - done, SEEK_CUR) < 0) return;
     if (!put(to, static_cast<size_t>(got))) return;
-    at += got;
-    done = at;
+    done = at + got;
   }
-  if (!putRest(to)) return;
-  const off_t end = got < 0 ? at : std::min(size, ::lseek(from, 0, SEEK_END));
-  lengthen(to, end - done);
 }
 
 /// Writes the piece, of which so much has been read, but for what it must hold back.

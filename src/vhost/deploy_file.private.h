@@ -20,18 +20,15 @@ class FileCopier {
   explicit FileCopier(std::string siteName);
 
   /// Copies what is left of `from` to `to`. Failures are passed over: a file that cannot be read is
-  /// at its end there, and what cannot be written is missing from there on. Of a pipe or a device
-  /// at most one piece is read.
+  /// at its end there, and what cannot be written is missing from there on.
   ///
   /// @param expected  the size of a regular file, which saves the look whether there is more
   void copy(int from, int to, off_t expected);
 
   /// The same for a whole regular file that has holes: they become holes again, but for a page
-  /// behind data that ends as a placeholder begins. Written out, a skeleton of a few bytes would
-  /// fill the file system of the sites.
-  ///
-  /// @param size  of the file: what is appended meanwhile is left, but for what a piece has of it
-  void copyWithHoles(int from, int to, off_t size);
+  /// behind data that ends as a placeholder begins, and for what becomes a hole while it is read.
+  /// Written out, a skeleton of a few bytes would fill the file system of the sites.
+  void copyWithHoles(int from, int to);
 
  private:
   bool put(int to, size_t got);

@@ -39,7 +39,8 @@ typedef struct DocrootCleanOptions {
  * other special files are never deployed. In regular files "@domain_name@" becomes the site's name.
  * What is created for an entry of the skeleton gets its permission bits, the group "oxacln" (as far
  * as the caller may give it) and the caller's own user as owner. An original that cannot be read
- * gives an empty file. No symbolic link below the host's directory, the document root or the CGI
+ * gives an empty file; one that another process has a write lease on is waited for, where /proc is
+ * mounted. No symbolic link below the host's directory, the document root or the CGI
  * directory is passed: the entry is reported and skipped.
  *
  * @param vhostDir    ROOT/SITE or ROOT/SITE/subdomains/NAME
@@ -108,7 +109,8 @@ FRASK_API void wido_delete_instance(const char* vhostDir, const DocrootCleanOpti
  * failed backup is logged through frask_log with priority 3 and does not stop the caller; the name
  * that was reserved for it stays, in most cases as an empty file. So it is with pipes and devices,
  * which cannot be copied and are neither read nor waited for. A file that another process has a
- * lease on is waited for, up to /proc/sys/fs/lease-break-time seconds.
+ * write lease on is waited for, as long as /proc/sys/fs/lease-break-time lets it keep that; where
+ * /proc is not mounted, the exception says EAGAIN instead.
  *
  * Deliberate: in a process whose standard input is closed every backup fails that way, because
  * descriptor 0 counts as a failure. Pinned by CopyIfNoDontedit.TakesDescriptor0ForAFailure.

@@ -16,9 +16,9 @@ struct FileContent {
 };
 
 /// Opens a file for reading without waiting for the other end of a pipe. A regular file on which
-/// someone has a lease is waited for, as by every reader: the kernel ends that after
-/// /proc/sys/fs/lease-break-time seconds (45 unless it is set). Without /proc it cannot be waited
-/// for.
+/// someone has a write lease is waited for, as by every reader: the kernel ends that after
+/// /proc/sys/fs/lease-break-time seconds (45 unless it is set; never for 0). Without /proc it
+/// cannot be waited for.
 ///
 /// @param flags  O_NOFOLLOW or 0
 /// @return empty with errno, EAGAIN for a lease that could not be waited for

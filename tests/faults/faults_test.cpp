@@ -137,12 +137,15 @@ TEST(Faults, OfALookAtTheFileThatStandsForALinkAreNotHeardOf) {
   options.errors = {EIO};
   options.own_step = kOneCall;
   options.phase = 1;  // none of the program's own
+  int unmade_links = 0;
   for (const Road& road : Stage::tool_roads()) {
     if (!has_prefix(road, {"install-skel tar"})) continue;
     const SweepResult result = faults::sweep(road, options);
     expect_no_complaints(road, result);
-    EXPECT_EQ(result.unmade_links, 1);
+    unmade_links += result.unmade_links;
   }
+  EXPECT_EQ(unmade_links, 1)
+      << "GNU tar 1.34; a tar that reports it needs no exception in sweep.cpp";
 }
 
 TEST(Faults, MeetEveryPlainRoutineThatIsExported) {

@@ -149,7 +149,6 @@ TEST(EitherChange, EndsOnAReadOnlyFileSystem) {
   }
 }
 
-/// A tree that belongs to the unprivileged user: "top" with "sub" in it.
 TEST(EitherChange, EndsWhereTheWorkingDirectoryCannotBeOpened) {
   for (const Change& change : changes()) {
     SCOPED_TRACE(change.name);

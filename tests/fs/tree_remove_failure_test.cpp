@@ -202,7 +202,6 @@ TEST(RmTree, StopsAtTheFirstFailure) {
   EXPECT_EQ(reports.size(), 4U) << "with a directory, \"top\" and the path, none of them empty";
 }
 
-/// A tree that belongs to the unprivileged user: "file" in "sub" in "top".
 void remove_top_as_nobody(const ScratchDir& scratch) {
   fstest::become_nobody_in(scratch.path());
   _exit(kReturned + rm_tree_aux("top", 1, 0));

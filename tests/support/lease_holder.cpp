@@ -11,7 +11,11 @@
 namespace testsupport {
 namespace {
 
-[[noreturn]] void hold(const std::string& path, int ready) {
+/// For whoever does not wait to have gone on meanwhile.
+constexpr useconds_t kWhile = 100000;
+
+[[noreturn]] void hold(const std::string& path, int ready,
+                       const std::function<void(int fd)>& before_the_end) {
   sigset_t broken;
   sigemptyset(&broken);
   sigaddset(&broken, SIGIO);
@@ -19,16 +23,20 @@ namespace {
   const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
   if (fcntl(fd, F_SETLEASE, F_WRLCK) != 0 || write(ready, "", 1) != 1) _exit(1);
   const timespec most = {60, 0};
-  _exit(sigtimedwait(&broken, nullptr, &most) == SIGIO ? 0 : 1);  // which ends the lease
+  if (sigtimedwait(&broken, nullptr, &most) != SIGIO) _exit(1);
+  before_the_end(fd);
+  usleep(kWhile);
+  _exit(0);  // which ends the lease
 }
 
 }  // namespace
 
-LeaseHolder::LeaseHolder(const std::string& path) {
+LeaseHolder::LeaseHolder(const std::string& path,
+                         const std::function<void(int fd)>& before_the_end) {
   int ready[2];
   if (pipe2(ready, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
   pid_ = fork();
-  if (pid_ == 0) hold(path, ready[1]);
+  if (pid_ == 0) hold(path, ready[1], before_the_end);
   close(ready[1]);
   char byte = 0;
   const ssize_t got = read(ready[0], &byte, 1);

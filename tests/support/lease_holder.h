@@ -4,15 +4,20 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <string>
 
 namespace testsupport {
 
-/// A process that has a write lease on a file, and gives it up as soon as someone opens the file,
-/// or after a minute.
+/// A process that has a write lease on a file, and gives it up a while after someone has opened the
+/// file, or after a minute.
 class LeaseHolder {
  public:
-  explicit LeaseHolder(const std::string& path);
+  /// @param before_the_end  what it does to the file before it gives the lease up: by the
+  /// descriptor,
+  ///                        since by the path it would wait for itself
+  explicit LeaseHolder(
+      const std::string& path, const std::function<void(int fd)>& before_the_end = [](int) {});
   ~LeaseHolder();
   LeaseHolder(const LeaseHolder&) = delete;
   LeaseHolder& operator=(const LeaseHolder&) = delete;

@@ -56,6 +56,12 @@ void enter_private_mounts() {
   provide("/var/lib/mysql", "/var/lib");
 }
 
+void leave_no_proc() {
+  while (umount2("/proc", MNT_DETACH) == 0) {
+  }
+  require(!fs::exists("/proc/self"), "unmounting /proc");
+}
+
 void mount_file_over(const std::string& place, const std::string& content) {
   std::string file = "/mnt/file-XXXXXX";
   const int fd = mkostemp(file.data(), O_CLOEXEC);

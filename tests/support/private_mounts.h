@@ -12,6 +12,9 @@ namespace testsupport {
 /// std::runtime_error with the reason where it cannot be done.
 void enter_private_mounts();
 
+/// Takes /proc out of this process's private mounts, however many lie over each other.
+void leave_no_proc();
+
 /// Puts a file of this content in the place of another, in this process's private mounts.
 void mount_file_over(const std::string& place, const std::string& content);
 

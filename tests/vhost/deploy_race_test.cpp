@@ -1,4 +1,5 @@
 #include <errno.h>
+#include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -130,13 +131,36 @@ TEST_F(SetupSkeletonInARace, WaitsForTheEndOfALeaseOnAnOriginal) {
   EXPECT_TRUE(holder.was_asked());
 }
 
-TEST_F(SetupSkeletonInARace, TakesOnePieceAtMostOfAPipeInThePlaceOfAnOriginal) {
+TEST_F(SetupSkeletonInARace, GoesByWhatBecomesOfAnOriginalUnderALease) {
+  const std::string path = skeleton("conf/file");
+  constexpr off_t kSize = 67108864;
+  write_file(path, "text");
+  {
+    const testsupport::LeaseHolder holder(path, [](int fd) { ASSERT_EQ(ftruncate(fd, kSize), 0); });
+    EXPECT_EQ(deploy(), done());
+  }
+  struct stat st = {};
+  ASSERT_EQ(stat(host("conf/file").c_str(), &st), 0);
+  EXPECT_EQ(st.st_size, kSize);
+  EXPECT_LT(st.st_blocks, 1024) << "it was no file with holes when it was looked at";
+
+  fs::remove_all(root("example.com"));
+  const std::string all = testsupport::read_file(path) + "more";
+  {
+    const testsupport::LeaseHolder holder(
+        path, [](int fd) { ASSERT_EQ(pwrite(fd, "more", 4, kSize), 4); });
+    EXPECT_EQ(deploy(), done());
+  }
+  EXPECT_TRUE(testsupport::read_file(host("conf/file")) == all);
+}
+
+TEST_F(SetupSkeletonInARace, TakesNothingOfAPipeInThePlaceOfAnOriginal) {
   write_file(skeleton("conf/file"), "text");
+  ASSERT_EQ(mkfifo(root("pipe").c_str(), 0600), 0);
+  const frask::UniqueFd pipe(open(root("pipe").c_str(), O_RDWR | O_CLOEXEC));
+  ASSERT_EQ(write(pipe.get(), "never ends", 10), 10);
   EXPECT_EQ(deployStoppedAt(kOpeningOfOriginalFile,
-                            [&] {
-                              fs::remove(skeleton("conf/file"));
-                              ASSERT_EQ(mkfifo(skeleton("conf/file").c_str(), 0600), 0);
-                            }),
+                            [] { fs::rename(root("pipe"), skeleton("conf/file")); }),
             done());
   EXPECT_EQ(testsupport::read_file(host("conf/file")), "");
 }

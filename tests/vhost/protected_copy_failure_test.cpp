@@ -119,7 +119,7 @@ TEST(CopyIfNoDontedit, ThrowsForALeaseThatItCannotWaitFor) {
   const testsupport::LeaseHolder holder(dir / "f");
   const Outcome outcome = in_child([&] {
     testsupport::enter_private_mounts();
-    if (umount2("/proc", MNT_DETACH) != 0) _exit(1);
+    testsupport::leave_no_proc();
     try {
       copy_if_no_dontedit((dir / "f").c_str());
     } catch (const frask::SystemError& error) {

@@ -52,11 +52,11 @@ TEST(SparseCopy, CopiesAFileWithHolesByteForByte) {
            {"a size within a page", kMiB + 1, {{8192, placeholder}}},
            {"more than one read between", 4 * kMiB, {{kMiB, dense + placeholder + dense}}}}) {
     SCOPED_TRACE(row.what);
-    const testsupport::ScratchDir scratch;
+    const testsupport::ScratchDir scratch(testsupport::memory_directory());
     const UniqueFd from = file_with_holes(scratch / "from", row.size, row.texts);
     const UniqueFd to(open((scratch / "to").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
     FileCopier copier("a.longer.name.test");
-    copier.copyWithHoles(from.get(), to.get(), row.size);
+    copier.copyWithHoles(from.get(), to.get());
     std::string replaced;
     const std::string original = testsupport::read_file(scratch / "from");
     const frask::ReplacedPiece all =
@@ -82,20 +82,20 @@ UniqueFd socket_with_text() {
 }
 
 TEST(SparseCopy, LeavesASourceWithoutPositionsUncopiedWhereHolesAreSaid) {
-  const testsupport::ScratchDir scratch;
+  const testsupport::ScratchDir scratch(testsupport::memory_directory());
   const UniqueFd to(open((scratch / "to").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
   FileCopier copier("a.test");
-  copier.copyWithHoles(socket_with_text().get(), to.get(), 4);
+  copier.copyWithHoles(socket_with_text().get(), to.get());
   EXPECT_EQ(testsupport::read_file(scratch / "to"), "");
 }
 
 TEST(SparseCopy, CopiesAFileThatTellsNothingOfItsHoles) {
-  const testsupport::ScratchDir scratch;
+  const testsupport::ScratchDir scratch(testsupport::memory_directory());
   const UniqueFd from(open("/proc/version", O_RDONLY | O_CLOEXEC));
   ASSERT_LT(lseek(from.get(), 0, SEEK_DATA), 0);
   const UniqueFd to(open((scratch / "to").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
   FileCopier copier("a.test");
-  copier.copyWithHoles(from.get(), to.get(), 4096);
+  copier.copyWithHoles(from.get(), to.get());
   EXPECT_EQ(testsupport::read_file(scratch / "to"), testsupport::read_file("/proc/version"));
 }
 
@@ -108,12 +108,12 @@ struct Copy {
 Copy copied_while_changed(off_t size, const std::vector<std::pair<off_t, std::string>>& texts,
                           const testsupport::Call& before,
                           const std::function<void(int from)>& change) {
-  const testsupport::ScratchDir scratch;
+  const testsupport::ScratchDir scratch(testsupport::memory_directory());
   const UniqueFd from = file_with_holes(scratch / "from", size, texts);
   const UniqueFd to(open((scratch / "to").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
   const auto outcome = testsupport::in_child_stopped_at(
       before, [&] { change(from.get()); },
-      [&] { FileCopier("a.test").copyWithHoles(from.get(), to.get(), size); });
+      [&] { FileCopier("a.test").copyWithHoles(from.get(), to.get()); });
   EXPECT_EQ(outcome, (testsupport::Outcome{"", "", 0}));
   struct stat st = {};
   EXPECT_EQ(fstat(to.get(), &st), 0);
@@ -145,13 +145,15 @@ TEST(SparseCopy, FindsAPlaceholderOfWhichAHoleWasFilledMeanwhile) {
   EXPECT_EQ(copy.size(), 8192U - 13 + 6);
 }
 
-TEST(SparseCopy, LeavesWhatIsAppendedMeanwhile) {
-  for (const int look : {3, 4}) {  // for more data, and for the end
+TEST(SparseCopy, TakesWhatIsAppendedBeforeTheEndIsSeen) {
+  const std::vector<std::pair<off_t, std::string>> text{{4092, "text"}};
+  // The end, data and a hole are looked for, then the end and data again.
+  for (const int look : {1, 3, 4, 5}) {
+    SCOPED_TRACE(look);
     const std::string copy =
-        copied_while_changed(8192, {{4092, "text"}}, {SYS_lseek, "", look}, addition(8192, "more"))
-            .text;
-    EXPECT_EQ(copy.size(), 8192U);
-    EXPECT_EQ(copy.substr(4092, 5), std::string("text\0", 5));
+        copied_while_changed(8192, text, {SYS_lseek, "", look}, addition(8192, "more")).text;
+    EXPECT_EQ(copy.substr(0, 8192), std::string(4092, '\0') + "text" + std::string(4096, '\0'));
+    EXPECT_EQ(copy.substr(8192), "more");
   }
 }
 
@@ -159,8 +161,8 @@ TEST(SparseCopy, LeavesWhatIsAppendedMeanwhile) {
 /// by two calls and read by a third; the fourth and fifth find the second.
 constexpr off_t kSize = 4194304;
 const std::vector<std::pair<off_t, std::string>> kTwoTexts{{0, "first"}, {kSize / 2, "second"}};
-const testsupport::Call kLookForSecondData{SYS_lseek, "", 3};
-const testsupport::Call kLookForEndOfSecondData{SYS_lseek, "", 4};
+const testsupport::Call kLookForSecondData{SYS_lseek, "", 5};
+const testsupport::Call kLookForEndOfSecondData{SYS_lseek, "", 6};
 const testsupport::Call kReadOfSecondData{SYS_pread64, "", 2};
 
 TEST(SparseCopy, EndsWhereTheFileWasCutMeanwhile) {
@@ -169,7 +171,7 @@ TEST(SparseCopy, EndsWhereTheFileWasCutMeanwhile) {
   for (const auto& before : {kLookForSecondData, kLookForEndOfSecondData, kReadOfSecondData}) {
     const Copy copy = copied_while_changed(kSize, kTwoTexts, before, cut(kSize / 2 - 4096));
     EXPECT_TRUE(copy.text == expected) << copy.text.size();
-    EXPECT_LE(copy.blocks, 16) << "a hole was written out";
+    EXPECT_LT(copy.blocks, 1024) << "a hole was written out";
   }
 }
 
@@ -179,24 +181,16 @@ TEST(SparseCopy, LeavesAHoleThatHasComeMeanwhile) {
   for (const auto& before : {kLookForSecondData, kLookForEndOfSecondData, kReadOfSecondData}) {
     const Copy copy = copied_while_changed(kSize, kTwoTexts, before, hole_at(kSize / 2));
     EXPECT_TRUE(copy.text == expected) << copy.text.size();
-    EXPECT_LE(copy.blocks, 16) << "a hole was written out";
+    EXPECT_LT(copy.blocks, 1024) << "a hole was written out";
   }
 }
 
-TEST(SparseCopy, GivesAFileThatHasBecomeShorterItsPresentSize) {
-  const testsupport::ScratchDir scratch;
-  const UniqueFd from = file_with_holes(scratch / "from", kSize / 2, {{0, "text"}});
-  const UniqueFd to(open((scratch / "to").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
-  FileCopier("a.test").copyWithHoles(from.get(), to.get(), kSize);
-  EXPECT_EQ(std::filesystem::file_size(scratch / "to"), static_cast<uintmax_t>(kSize / 2));
-}
-
 TEST(SparseCopy, GoesBeyondWhatFitsInto32Bits) {
-  const testsupport::ScratchDir scratch;
+  const testsupport::ScratchDir scratch(testsupport::memory_directory());
   constexpr off_t kAt = 5368709120;
   const UniqueFd from = file_with_holes(scratch / "from", kAt + 13, {{kAt, "@domain_name@"}});
   const UniqueFd to(open((scratch / "to").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-  FileCopier("a.test").copyWithHoles(from.get(), to.get(), kAt + 13);
+  FileCopier("a.test").copyWithHoles(from.get(), to.get());
   struct stat st = {};
   ASSERT_EQ(fstat(to.get(), &st), 0);
   EXPECT_EQ(st.st_size, kAt + 6);
@@ -207,38 +201,35 @@ TEST(SparseCopy, GoesBeyondWhatFitsInto32Bits) {
 }
 
 TEST(SparseCopy, LeavesOutAHoleForWhichThereIsNoRoom) {
-  const testsupport::ScratchDir scratch;
+  const testsupport::ScratchDir scratch(testsupport::memory_directory());
   const auto outcome = testsupport::in_child([&] {
     const UniqueFd from = file_with_holes(scratch / "from", kSize, {{0, "text"}});
     const UniqueFd to(open((scratch / "to").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
     signal(SIGXFSZ, SIG_IGN);
-    const rlimit limit = {65536, 65536};
+    rlimit usual = {};
+    if (getrlimit(RLIMIT_FSIZE, &usual) != 0) _exit(1);
+    const rlimit limit = {65536, usual.rlim_max};
     if (setrlimit(RLIMIT_FSIZE, &limit) != 0) _exit(1);
-    FileCopier("a.test").copyWithHoles(from.get(), to.get(), kSize);
+    FileCopier("a.test").copyWithHoles(from.get(), to.get());
+    if (setrlimit(RLIMIT_FSIZE, &usual) != 0) _exit(1);
   });
   EXPECT_EQ(outcome, (testsupport::Outcome{"", "", 0}));
-  EXPECT_EQ(std::filesystem::file_size(scratch / "to"), 4096U);
+  const std::string copy = testsupport::read_file(scratch / "to");
+  EXPECT_EQ(copy.substr(0, 5), std::string("text\0", 5));
+  EXPECT_LE(copy.size(), 65536U);
 }
 
-TEST(SparseCopy, ReadsNeitherAPipeNorADeviceToItsEnd) {
-  const testsupport::ScratchDir scratch;
-  ASSERT_EQ(mkfifo((scratch / "pipe").c_str(), 0600), 0);
-  const UniqueFd pipe(open((scratch / "pipe").c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
-  ASSERT_EQ(write(pipe.get(), "text", 4), 4);
-  const UniqueFd zeros(open("/dev/zero", O_RDONLY | O_CLOEXEC));
-  for (const int from : {pipe.get(), zeros.get()}) {
-    for (const bool with_holes : {true, false}) {
-      const auto outcome = testsupport::in_child([&] {
-        alarm(30);
-        const UniqueFd to(open((scratch / "to").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600));
-        FileCopier copier("a.test");
-        if (with_holes) return copier.copyWithHoles(from, to.get(), off_t{1} << 42);
-        copier.copy(from, to.get(), 3);
-      });
-      EXPECT_EQ(outcome, (testsupport::Outcome{"", "", 0}));
-      EXPECT_LE(std::filesystem::file_size(scratch / "to"), FileCopier::kPiece);
-    }
-  }
+TEST(SparseCopy, EndsWhereTheFileDoesWhateverItsSizeSays) {
+  const testsupport::ScratchDir scratch(testsupport::memory_directory());
+  const UniqueFd from(open("/sys/kernel/uevent_seqnum", O_RDONLY | O_CLOEXEC));
+  struct stat st = {};
+  ASSERT_EQ(fstat(from.get(), &st), 0);
+  ASSERT_EQ(st.st_blocks, 0) << "as of a hole";
+  const std::string text = testsupport::read_file("/sys/kernel/uevent_seqnum");
+  ASSERT_LT(text.size(), static_cast<size_t>(st.st_size));
+  const UniqueFd to(open((scratch / "to").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+  FileCopier("a.test").copyWithHoles(from.get(), to.get());
+  EXPECT_EQ(std::filesystem::file_size(scratch / "to"), text.size());
 }
 
 }  // namespace
