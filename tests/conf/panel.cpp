@@ -13,6 +13,7 @@
 #include <stdexcept>
 
 #include "support/private_mounts.h"
+#include "support/traced.h"
 
 using testsupport::in_child;
 using testsupport::Outcome;
@@ -43,10 +44,8 @@ Outcome in_panel(const std::function<void()>& body) {
 
 Outcome run_injected(const std::string& path, const std::string& injection,
                      const std::vector<std::string>& program) {
-  std::vector<std::string> words = {"strace", "-qq", "-o", "/mnt/trace",
-                                    "-P",     path,  "-e", "inject=" + injection};
-  words.insert(words.end(), program.begin(), program.end());
-  return testsupport::run(words, {"", {{"ASAN_OPTIONS", "detect_leaks=0"}}, ""});
+  return testsupport::run_traced({"-o", "/mnt/trace", "-P", path, "-e", "inject=" + injection},
+                                 program);
 }
 
 void enter_private_network() {

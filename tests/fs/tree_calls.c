@@ -3,8 +3,9 @@
 #include <string.h>
 
 #include "fs/tree.h"
+#include "support/counted_part.h"
 
-int main(int argc, char** argv) {
+static int run(int argc, char** argv) {
   if (argc == 3 && strcmp(argv[1], "chown") == 0) {
     chown_tree(argv[2], 7, 8, 1);
     return 0;
@@ -18,4 +19,11 @@ int main(int argc, char** argv) {
   if (argc == 3 && strcmp(argv[1], "remove") == 0) return rm_tree_aux(argv[2], 1, 0);
   fprintf(stderr, "usage: tree_calls chown|chmod|perms|remove PATH\n");
   return 2;
+}
+
+int main(int argc, char** argv) {
+  counted_part_mark();
+  const int result = run(argc, argv);
+  counted_part_mark();
+  return result;
 }

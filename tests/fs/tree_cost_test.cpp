@@ -2,10 +2,10 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <algorithm>
 #include <functional>
 
 #include "support/scratch.h"
+#include "support/traced.h"
 #include "support/tree_listing.h"
 #include "tree_support.h"
 
@@ -27,8 +27,7 @@ long calls_for(const std::string& which, const std::string& routine, int dirs, i
   const auto outcome = fstest::run_traced({"-o", scratch / "log", "-e", "trace=" + which}, routine,
                                           scratch / "top", scratch.path());
   EXPECT_EQ(outcome, fstest::ended(0, ""));
-  const std::string log = testsupport::read_file(scratch / "log");
-  return std::count(log.begin(), log.end(), '\n');
+  return testsupport::counted_calls(scratch / "log");
 }
 
 /// What more directories, and then files in each of them, add to that.

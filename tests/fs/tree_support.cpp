@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "fs/tree.h"
+#include "support/traced.h"
 
 namespace fs = std::filesystem;
 
@@ -74,15 +75,9 @@ std::string working_directory() {
 testsupport::Outcome run_traced(const std::vector<std::string>& strace_options,
                                 const std::string& routine, const std::string& path,
                                 const std::string& directory) {
-  std::vector<std::string> arguments{"strace", "-qq"};
-  arguments.insert(arguments.end(), strace_options.begin(), strace_options.end());
-  arguments.insert(arguments.end(), {TREE_CALLS_PROGRAM, routine, path});
   testsupport::RunOptions options;
-  // Leaks cannot be looked for under a tracer; and memory is to be used again, as without checks.
-  options.environment["ASAN_OPTIONS"] =
-      "detect_leaks=0:quarantine_size_mb=0:thread_local_quarantine_size_kb=0";
   options.directory = directory;
-  return testsupport::run(arguments, options);
+  return testsupport::run_traced(strace_options, {TREE_CALLS_PROGRAM, routine, path}, options);
 }
 
 }  // namespace fstest

@@ -1,8 +1,9 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
+#include <filesystem>
 
 #include "content_support.h"
+#include "support/traced.h"
 
 // What cleaning costs in system calls: it does not depend on the machine or its load.
 namespace {
@@ -23,8 +24,7 @@ long calls_for(int dirs, int files) {
                                   {"clean", host.site, host.documents, host.cgi}),
             (testsupport::Outcome{"", "", 0}));
   EXPECT_TRUE(std::filesystem::is_empty(host.documents));
-  const std::string log = testsupport::read_file(host / "log");
-  return std::count(log.begin(), log.end(), '\n');
+  return testsupport::counted_calls(host / "log");
 }
 
 constexpr int kDirs = 50;

@@ -10,6 +10,7 @@
 #include <iostream>
 
 #include "library_listing.h"
+#include "support/counted_part.h"
 #include "vhost/FileList.h"
 #include "vhost/entry_points.h"
 #include "vhost/listing.private.h"
@@ -52,7 +53,10 @@ int run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   try {
-    return run(argc, argv);
+    counted_part_mark();
+    const int result = run(argc, argv);
+    counted_part_mark();
+    return result;
   } catch (const std::exception& failure) {
     std::cerr << failure.what();
     return 1;

@@ -3,6 +3,8 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "support/traced.h"
+
 namespace vhosttest {
 
 using testsupport::Outcome;
@@ -53,16 +55,11 @@ std::string description(const std::string& section, const Lines& files) {
 }
 
 Outcome run_traced(const Lines& strace_options, const Lines& arguments, const std::string& input) {
-  Lines words{"strace", "-qq"};
-  words.insert(words.end(), strace_options.begin(), strace_options.end());
-  words.emplace_back(CONTENT_CALLS_PROGRAM);
-  words.insert(words.end(), arguments.begin(), arguments.end());
-  testsupport::RunOptions run;
-  // Leaks cannot be looked for under a tracer; and memory is to be used again, as without checks.
-  run.environment["ASAN_OPTIONS"] =
-      "detect_leaks=0:quarantine_size_mb=0:thread_local_quarantine_size_kb=0";
-  run.input = input;
-  return testsupport::run(words, run);
+  Lines program{CONTENT_CALLS_PROGRAM};
+  program.insert(program.end(), arguments.begin(), arguments.end());
+  testsupport::RunOptions options;
+  options.input = input;
+  return testsupport::run_traced(strace_options, program, options);
 }
 
 Lines texts(const std::vector<std::filesystem::path>& paths) {

@@ -1,6 +1,7 @@
 /* Deploys a skeleton: deploy_calls HOST SKELETON DOCROOT CGI. */
 #include <stdio.h>
 
+#include "support/counted_part.h"
 #include "vhost/entry_points.h"
 
 int main(int argc, char** argv) {
@@ -9,5 +10,8 @@ int main(int argc, char** argv) {
     return 2;
   }
   const DocrootCleanOptions options = {.docrootDir = argv[3], .cgiBinDir = argv[4]};
-  return setup_skeleton(argv[1], 0, argv[2], &options);
+  counted_part_mark();
+  const int result = setup_skeleton(argv[1], 0, argv[2], &options);
+  counted_part_mark();
+  return result;
 }

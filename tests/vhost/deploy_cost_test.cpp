@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "support/traced.h"
 #include "vhost/deploy_fixture.h"
 
 // What a deployment costs in system calls, and what it is when some of them fail.
@@ -17,14 +18,10 @@ namespace fs = std::filesystem;
 constexpr const char* kLog = "/mnt/log";
 
 /// A C program that deploys, under strace with these options.
-testsupport::Outcome deploy_traced(std::vector<std::string> options,
+testsupport::Outcome deploy_traced(const std::vector<std::string>& options,
                                    const DocrootCleanOptions& directories) {
-  testsupport::RunOptions run;
-  run.environment["ASAN_OPTIONS"] = "detect_leaks=0:quarantine_size_mb=0";
-  options.insert(options.begin(), {"strace", "-qq"});
-  options.insert(options.end(), {DEPLOY_CALLS_PROGRAM, "/var/www/vhosts/example.com", "7",
-                                 directories.docrootDir, directories.cgiBinDir});
-  return testsupport::run(options, run);
+  return testsupport::run_traced(options, {DEPLOY_CALLS_PROGRAM, "/var/www/vhosts/example.com", "7",
+                                           directories.docrootDir, directories.cgiBinDir});
 }
 
 long count(const std::string& text, const std::string& part) {
@@ -47,7 +44,7 @@ long calls_for(const std::string& skeleton, const DocrootCleanOptions& directori
   }
   EXPECT_EQ(deploy_traced({"-o", kLog, "-e", "trace=!%memory"}, directories),
             (testsupport::Outcome{"", "", 0}));
-  return count(testsupport::read_file(kLog), "\n");
+  return testsupport::counted_calls(kLog);
 }
 
 TEST_F(SetupSkeleton, MakesTenCallsForAFileAndSeventeenForADirectory) {

@@ -23,6 +23,7 @@
 #include "support/private_mounts.h"
 #include "support/scratch.h"
 #include "support/stopped_child.h"
+#include "support/traced.h"
 #include "support/tree_listing.h"
 #include "vhost/backup_numbers.h"
 #include "vhost/entry_points.h"
@@ -282,11 +283,9 @@ TEST(BackUp, LogsThatNoNameIsFree) {
 Outcome protect_with(const ScratchDir& dir, const std::string& injection,
                      const std::string& file = "f.saved_by_oxa") {
   testsupport::RunOptions options;
-  options.environment["ASAN_OPTIONS"] = "detect_leaks=0";
   options.directory = dir.path().string();
-  return testsupport::run({"strace", "-qq", "-o", "/dev/null", "-P", dir / file, "-e",
-                           "inject=" + injection, PROTECT_FILE, "f"},
-                          options);
+  return testsupport::run_traced({"-o", "/dev/null", "-P", dir / file, "-e", "inject=" + injection},
+                                 {PROTECT_FILE, "f"}, options);
 }
 
 std::string cannot_copy(const std::string& reason) {

@@ -13,6 +13,7 @@
 #include "support/child.h"
 #include "support/scratch.h"
 #include "support/stopped_child.h"
+#include "support/traced.h"
 #include "support/tree_listing.h"
 #include "vhost/entry_points.h"
 
@@ -328,9 +329,8 @@ TEST(CopyIfNoDontedit, NamesEachFileOnceAndGoesOnByDescriptor) {
   const ScratchDir dir;
   write_file(dir / "f", "text");
   testsupport::RunOptions options;
-  options.environment["ASAN_OPTIONS"] = "detect_leaks=0";
   options.directory = dir.path().string();
-  ASSERT_EQ(testsupport::run({"strace", "-f", "-y", "-o", "trace", PROTECT_FILE, "f"}, options)
+  ASSERT_EQ(testsupport::run_traced({"-f", "-y", "-o", "trace"}, {PROTECT_FILE, "f"}, options)
                 .exit_code(),
             0);
   const std::string trace = read_file(dir / "trace");
