@@ -14,6 +14,7 @@
 #include "exec/commands.h"
 #include "exec/texec.h"
 #include "support/scratch.h"
+#include "support/traced.h"
 
 using frask::sys::TExec;
 using frask::sys::TExecsList;
@@ -174,11 +175,10 @@ TEST(TExecsListExecute, DISABLED_LosesAChildToTheCaller) {
 TEST(TExecsListExecute, ForgetsAChildThatTheCallerHasCollected) {
   // Or it would some day take another child of that number from the caller.
   const ScratchDir scratch;
-  const testsupport::Outcome outcome = testsupport::run(
-      {"strace", "-qq", "-o", scratch / "waits", "-e", "trace=wait4",
-       std::filesystem::read_symlink("/proc/self/exe"), "--gtest_also_run_disabled_tests",
-       "--gtest_filter=TExecsListExecute.DISABLED_LosesAChildToTheCaller"},
-      {"", {{"ASAN_OPTIONS", "detect_leaks=0"}}, ""});
+  const testsupport::Outcome outcome = testsupport::run_traced(
+      {"-o", scratch / "waits", "-e", "trace=wait4"},
+      {std::filesystem::read_symlink("/proc/self/exe"), "--gtest_also_run_disabled_tests",
+       "--gtest_filter=TExecsListExecute.DISABLED_LosesAChildToTheCaller"});
   ASSERT_EQ(outcome.status, 0) << outcome;
   std::istringstream waits(testsupport::read_file(scratch / "waits"));
   int in_vain = 0;

@@ -15,6 +15,7 @@
 #include "exec/exec_support.h"
 #include "exec/texec.h"
 #include "support/scratch.h"
+#include "support/traced.h"
 
 using frask::Handle;
 using frask::sys::execGetOutput;
@@ -292,11 +293,10 @@ TEST(ExecGetOutput, DISABLED_FailsToWait) {
 }
 
 TEST(ExecGetOutput, ThrowsWhenItCannotWait) {
-  const Outcome outcome = testsupport::run(
-      {"strace", "-qq", "-o", "/dev/null", "-e", "trace=wait4", "-e",
-       "inject=wait4:error=EINVAL:when=1", std::filesystem::read_symlink("/proc/self/exe"),
-       "--gtest_also_run_disabled_tests", "--gtest_filter=ExecGetOutput.DISABLED_FailsToWait"},
-      {"", {{"ASAN_OPTIONS", "detect_leaks=0"}}, ""});
+  const Outcome outcome = testsupport::run_traced(
+      {"-o", "/dev/null", "-e", "trace=wait4", "-e", "inject=wait4:error=EINVAL:when=1"},
+      {std::filesystem::read_symlink("/proc/self/exe"), "--gtest_also_run_disabled_tests",
+       "--gtest_filter=ExecGetOutput.DISABLED_FailsToWait"});
   EXPECT_NE(outcome.out.find("[22 waitpid() failed: Invalid argument]"), std::string::npos)
       << outcome;
 }

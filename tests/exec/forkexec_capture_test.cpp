@@ -15,6 +15,7 @@
 #include "exec/forkexec.h"
 #include "log/c_string.private.h"
 #include "support/scratch.h"
+#include "support/traced.h"
 
 using exectest::Argv;
 using exectest::capture_both;
@@ -84,8 +85,6 @@ TEST(ForkExecvGetouterr, CapturesEveryByteOfBothStreams) {
 
 TEST(ForkExecvGetout, MakesWayForALargeOutputOnly) {
   const ScratchDir scratch;
-  testsupport::RunOptions options;
-  options.environment["ASAN_OPTIONS"] = "detect_leaks=0";
   for (const long length : {12L, 1048575L, 1048576L, 9000000L}) {
     SCOPED_TRACE(length);
     // The last twelve come one by one: no read of a single byte needs a MiB.
@@ -93,9 +92,8 @@ TEST(ForkExecvGetout, MakesWayForALargeOutputOnly) {
                                " /dev/zero; for i in a b c d e f g h i j k l; do sleep 0.03; "
                                "printf $i; done";
     const Outcome outcome =
-        testsupport::run({"strace", "-o", scratch / "trace", "-e", "trace=fcntl,madvise", kCaller,
-                          "getout", "/bin/sh", "-c", script},
-                         options);
+        testsupport::run_traced({"-o", scratch / "trace", "-e", "trace=fcntl,madvise"},
+                                {kCaller, "getout", "/bin/sh", "-c", script});
     ASSERT_EQ(outcome.exit_code(), 0) << outcome.err;
     const std::string trace = read_file(scratch / "trace");
     const long mebibytes = length / 1048576;

@@ -14,6 +14,7 @@
 #include "exec/exec_support.h"
 #include "exec/forkexec.h"
 #include "support/scratch.h"
+#include "support/traced.h"
 
 using exectest::Argv;
 using exectest::kProbe;
@@ -45,12 +46,9 @@ void open_numbered(const ScratchDir& scratch) {
 struct Trace {
   explicit Trace(const std::vector<std::string>& command) {
     const ScratchDir scratch;
-    std::vector<std::string> words = {"strace", "-ff", "-s", "200", "-o", scratch / "trace", "-e"};
-    words.emplace_back("trace=execve,pipe2,read,write,close,wait4,exit_group");
-    words.insert(words.end(), command.begin(), command.end());
-    testsupport::RunOptions options;
-    options.environment["ASAN_OPTIONS"] = "detect_leaks=0";
-    testsupport::run(words, options);
+    testsupport::run_traced({"-ff", "-s", "200", "-o", scratch / "trace", "-e",
+                             "trace=execve,pipe2,read,write,close,wait4,exit_group"},
+                            command);
     for (const auto& file : std::filesystem::directory_iterator(scratch.path())) {
       const std::string calls = read_file(file.path());
       (calls.find("pipe2(") != std::string::npos ? caller : child) = calls;

@@ -19,6 +19,7 @@
 #include "exec/exec_support.h"
 #include "support/private_mounts.h"
 #include "support/scratch.h"
+#include "support/traced.h"
 
 using exectest::Argv;
 using exectest::kProbe;
@@ -299,12 +300,9 @@ TEST(ForkExecvPipes, LeavesNoDescriptorInTheCaller) {
 // A process of 512 MiB needs more than forty times as long for a fork.
 TEST(ForkExecvPipes, SharesTheCallersMemoryUntilExec) {
   const ScratchDir scratch;
-  testsupport::RunOptions options;
-  options.environment["ASAN_OPTIONS"] = "detect_leaks=0";
-  const Outcome outcome =
-      testsupport::run({"strace", "-f", "-e", "trace=fork,vfork,clone,clone3", "-o",
-                        scratch / "trace", exectest::kCaller, "getout", "/bin/echo", "hello"},
-                       options);
+  const Outcome outcome = testsupport::run_traced(
+      {"-f", "-e", "trace=fork,vfork,clone,clone3", "-o", scratch / "trace"},
+      {exectest::kCaller, "getout", "/bin/echo", "hello"});
   ASSERT_EQ(outcome.exit_code(), 0) << outcome;
   ASSERT_EQ(outcome.out, "hello\n");
   const std::string trace = read_file(scratch / "trace");
@@ -406,14 +404,11 @@ TEST(ForkExecWaitpid, LogsAContinuationAndPassesOverAnUnknownStatus) {
       {"ffff0000", "waitpid(N)=N: process 'child' continued\nresult -1 status ffff\n"},
       {"ff000000", "result -1 status 00ff\n"},
   };
-  testsupport::RunOptions options;
-  options.environment["ASAN_OPTIONS"] = "detect_leaks=0";
   for (const auto& [bytes, text] : rows) {
     SCOPED_TRACE(bytes);
     const std::string inject = std::string("inject=wait4:poke_exit=@arg2=") + bytes;
-    const Outcome outcome = testsupport::run(
-        {"strace", "-o", "/dev/null", "-e", "trace=wait4", "-e", inject, exectest::kCaller, "wait"},
-        options);
+    const Outcome outcome = testsupport::run_traced(
+        {"-o", "/dev/null", "-e", "trace=wait4", "-e", inject}, {exectest::kCaller, "wait"});
     ASSERT_EQ(outcome.exit_code(), 0) << outcome;
     EXPECT_EQ(without_pids(outcome.out), text);
   }

@@ -17,6 +17,7 @@
 #include "exec/members.h"
 #include "support/repetitions.h"
 #include "support/scratch.h"
+#include "support/traced.h"
 
 using exectest::Argv;
 using exectest::capture_both;
@@ -223,8 +224,6 @@ TEST(ForkExecvGetout, TakesWhatAGrandchildSaysUntilItPauses) {
 // One second and not another: pauses in what a child says are common, and callers wait that long.
 TEST(ForkExecvGetouterr, LooksAtTheChildAfterASecondOfSilence) {
   const ScratchDir scratch;
-  testsupport::RunOptions options;
-  options.environment["ASAN_OPTIONS"] = "detect_leaks=0";
   // Under strace a signal interrupts the call, which then goes on for what is left of it.
   const std::regex timed_out(
       "(poll\\(.*, 1000\\)|restart_syscall\\(.*\\)) += 0( \\(Timeout\\))?\n");
@@ -233,10 +232,9 @@ TEST(ForkExecvGetouterr, LooksAtTheChildAfterASecondOfSilence) {
     SCOPED_TRACE(member);
     const Gate gate;
     const Outcome outcome =
-        testsupport::run({"strace", "-o", scratch / "trace", "-e",
-                          "trace=poll,restart_syscall,wait4", exectest::kCaller, member, "/bin/sh",
-                          "-c", "echo text; cat <" + gate.path() + " & exit 3"},
-                         options);
+        testsupport::run_traced({"-o", scratch / "trace", "-e", "trace=poll,restart_syscall,wait4"},
+                                {exectest::kCaller, member, "/bin/sh", "-c",
+                                 "echo text; cat <" + gate.path() + " & exit 3"});
     EXPECT_EQ(outcome.exit_code(), 3);
     EXPECT_EQ(outcome.out, "text\n");
     const std::string trace = testsupport::read_file(scratch / "trace");

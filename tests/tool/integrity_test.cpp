@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "support/mariadb_server.h"
+#include "support/traced.h"
 #include "tool/archive.h"
 #include "tool/tool_fixture.h"
 
@@ -267,15 +268,11 @@ TEST_F(TestIntegrity, NamesNoErrorOfTheDatabaseInALaterReport) {
   write_file(at("bad.tar"), std::string(2000, 'x'));
   const std::vector<std::string> words{TEMBRIX_PROGRAM, "--test-archive", "--filename",
                                        at("bad.tar"),   "--force-type",   "tar"};
-  testsupport::RunOptions options;
-  options.environment = {{"ASAN_OPTIONS", "detect_leaks=0"}};
   // The last thing that is sent before the command runs is the query; its sending fails.
   const auto traced = [&](const std::vector<std::string>& how) {
-    std::vector<std::string> command{"strace",    "-s", "200",         "-o",
-                                     at("calls"), "-e", "trace=sendto"};
-    command.insert(command.end(), how.begin(), how.end());
-    command.insert(command.end(), words.begin(), words.end());
-    return testsupport::run(command, options);
+    std::vector<std::string> options{"-s", "200", "-o", at("calls"), "-e", "trace=sendto"};
+    options.insert(options.end(), how.begin(), how.end());
+    return testsupport::run_traced(options, words);
   };
   EXPECT_EQ(traced({}).exit_code(), 2);
   std::istringstream calls(testsupport::read_file(at("calls")));

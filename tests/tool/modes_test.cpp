@@ -7,6 +7,7 @@
 
 #include <filesystem>
 
+#include "support/traced.h"
 #include "tool/tool_fixture.h"
 
 using testsupport::Outcome;
@@ -91,19 +92,16 @@ TEST_F(Modes, ReportAFailedSetgidInTheSameWords) {
 }
 
 TEST_F(Modes, AttemptSetgidOnlyAfterSetuid) {
-  testsupport::RunOptions options;
-  options.environment = {{"ASAN_OPTIONS", "detect_leaks=0"}};
-  ASSERT_EQ(testsupport::run({"strace", "-o", at("good"), "-e", "trace=setuid,setgid",
-                              TEMBRIX_PROGRAM, "--help"},
-                             options)
+  ASSERT_EQ(testsupport::run_traced({"-o", at("good"), "-e", "trace=setuid,setgid"},
+                                    {TEMBRIX_PROGRAM, "--help"})
                 .exit_code(),
             0);
   const std::string good = testsupport::read_file(at("good"));
   EXPECT_LT(good.find("setuid(0)"), good.find("setgid(0)"));
   EXPECT_NE(good.find("setgid(0)"), std::string::npos);
-  EXPECT_EQ(testsupport::run({"strace", "-o", at("bad"), "-e", "trace=setuid,setgid", "-e",
-                              "inject=setuid:error=EPERM", TEMBRIX_PROGRAM, "--help"},
-                             options)
+  EXPECT_EQ(testsupport::run_traced(
+                {"-o", at("bad"), "-e", "trace=setuid,setgid", "-e", "inject=setuid:error=EPERM"},
+                {TEMBRIX_PROGRAM, "--help"})
                 .exit_code(),
             1);
   EXPECT_EQ(testsupport::read_file(at("bad")).find("setgid"), std::string::npos);

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <set>
 
+#include "support/traced.h"
 #include "tool/tool_fixture.h"
 
 namespace fs = std::filesystem;
@@ -154,12 +155,9 @@ TEST_F(Process, EndsByAnUncaughtExceptionWithItsText) {
 
 TEST_F(Process, MakesTheStoreWithItsFinalMode) {
   pack("mkdir httpdocs");
-  testsupport::RunOptions options;
-  options.environment = {{"ASAN_OPTIONS", "detect_leaks=0"}};
-  const Outcome outcome = testsupport::run(
-      {"strace", "-qq", "-o", at("log"), "-e", "signal=none", "-e", "trace=mkdir,mkdirat",
-       TEMBRIX_PROGRAM, "--install-skel", "--filename", at("skel.tar"), "--id", "7"},
-      options);
+  const Outcome outcome = testsupport::run_traced(
+      {"-o", at("log"), "-e", "signal=none", "-e", "trace=mkdir,mkdirat"},
+      {TEMBRIX_PROGRAM, "--install-skel", "--filename", at("skel.tar"), "--id", "7"});
   EXPECT_EQ(outcome, answer(0));
   EXPECT_EQ(read_file(at("log")).substr(0, read_file(at("log")).find(')')),
             "mkdir(\"" + store("7") + "\", 0755")
