@@ -181,34 +181,42 @@ EntryDeployer::Found EntryDeployer::look(ConfinedDirectory& directory, const cha
   return found;
 }
 
+/// Before its target is created: a site is not to show an empty file for as long as a lease is
+/// waited for, nor to keep one when the process is killed meanwhile.
+UniqueFd EntryDeployer::openOriginal(const Place& place, const Target& target) {
+  UniqueFd from = openAtOnce(place.dir_fd, place.name, O_NOFOLLOW);
+  // What exists is not written, so there is nothing to wait for.
+  if (!from && errno == EAGAIN && look(*target.directory, target.below).error == ENOENT)
+    from = openBehindLease(place.dir_fd, place.name, O_NOFOLLOW);
+  return from;
+}
+
 bool EntryDeployer::createFile(const Found& original, const Target& target) {
+  UniqueFd from = openOriginal(original.place, target);
+  // By what was opened: others may have put something else in the place that was looked at, a file
+  // that fewer may read, or a pipe or a device that never ends.
+  struct stat st = {};
+  if (!from || ::fstat(from.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
+    from.reset();
+    st = original.st;
+  }
   Place place = {};
   if (!target.directory->locate(target.below, place)) return false;
   // Not even at first is it open to more users than in the end.
   const UniqueFd to(::openat(place.dir_fd, place.name,
                              O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                             original.st.st_mode & kReadWrite));
+                             st.st_mode & kReadWrite));
   if (!to && errno != EEXIST) return false;
   if (!to) {
     reportExisting(target);
     return true;
   }
-  const UniqueFd from = openUnread(original.place.dir_fd, original.place.name, O_NOFOLLOW);
-  if (from) copyContent(from.get(), to.get());
-  setModeAndGroup(to.get(), original.st.st_mode);
+  if (from && hasHoles(st))
+    copier_.copyWithHoles(from.get(), to.get());
+  else if (from)
+    copier_.copy(from.get(), to.get(), st.st_size);
+  setModeAndGroup(to.get(), st.st_mode);
   return true;
-}
-
-/// By what was opened: others may have put something else in the place that was looked at, a pipe
-/// or a device that never ends, too.
-void EntryDeployer::copyContent(int from, int to) {
-  struct stat st = {};
-  const bool known = ::fstat(from, &st) == 0;
-  if (known && !S_ISREG(st.st_mode)) return;
-  if (known && hasHoles(st))
-    copier_.copyWithHoles(from, to);
-  else
-    copier_.copy(from, to, known ? st.st_size : -1);
 }
 
 void EntryDeployer::createDirectory(mode_t mode, const Target& target, Place place) {

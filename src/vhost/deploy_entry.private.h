@@ -6,6 +6,7 @@
 
 #include <string>
 
+#include "fs/unique_fd.h"
 #include "vhost/confined.private.h"
 #include "vhost/deploy_file.private.h"
 #include "vhost/deploy_target.private.h"
@@ -38,9 +39,9 @@ class EntryDeployer {
   };
 
   static Found look(ConfinedDirectory& directory, const char* below);
+  static UniqueFd openOriginal(const Place& place, const Target& target);
   /// False when the file was not created, for another reason than that something is there.
   bool createFile(const Found& original, const Target& target);
-  void copyContent(int from, int to);
   void createDirectory(mode_t mode, const Target& target, Place place);
   bool isAsMade(int fd, mode_t mode) const noexcept;
   void setModeAndGroup(int fd, mode_t mode) const noexcept;

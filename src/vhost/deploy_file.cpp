@@ -33,9 +33,11 @@ bool writeAll(int fd, std::string_view text) noexcept {
   return true;
 }
 
-/// Adds a hole. What cannot be had is missing from there on, as what cannot be written.
-void lengthen(int fd, off_t bytes) noexcept {
-  const off_t whole = bytes > 0 ? ::lseek(fd, bytes, SEEK_CUR) : -1;
+/// Ends a file with a hole, or none. One that was passed over before nothing was written is counted
+/// in by now: a placeholder becomes nothing where the site has no name. What cannot be had is
+/// missing from there on, as what cannot be written.
+void endBehind(int fd, off_t hole) noexcept {
+  const off_t whole = ::lseek(fd, std::max<off_t>(hole, 0), SEEK_CUR);
   static_cast<void>(whole >= 0 && ::ftruncate(fd, whole) == 0);
 }
 
@@ -93,13 +95,13 @@ void FileCopier::copyWithHoles(int from, int to) {
     // Behind what may be the beginning of a placeholder no hole is passed over: it may be filled by
     // now. A page is read instead, not to write many out.
     const size_t room = held_ == 0 ? extents.next(at, kPiece) : kPage;
-    if (room == 0) return lengthen(to, std::min(end, ::lseek(from, 0, SEEK_END)) - done);
+    if (room == 0) return endBehind(to, std::min(end, ::lseek(from, 0, SEEK_END)) - done);
     const ssize_t got = again([&] { return ::pread(from, piece_.get() + held_, room, at); });
     if (got <= 0) {
-      if (!putRest(to)) return;
+      putRest(to);
       // It ends there, or was cut before, unless it cannot be read from there on.
       const off_t last = got < 0 ? at : std::min(at, ::lseek(from, 0, SEEK_END));
-      return lengthen(to, last - done);
+      return endBehind(to, last - done);
     }
     if (at > done && ::lseek(to, at - done, SEEK_CUR) < 0) return;
     if (!put(to, static_cast<size_t>(got))) return;
@@ -117,8 +119,8 @@ bool FileCopier::put(int to, size_t got) {
   return true;
 }
 
-bool FileCopier::putRest(int to) {
-  return writeAll(to, std::string_view(piece_.get(), held_));
+void FileCopier::putRest(int to) {
+  static_cast<void>(writeAll(to, std::string_view(piece_.get(), held_)));
 }
 
 }  // namespace frask

@@ -22,7 +22,8 @@ class FileCopier {
   /// Copies what is left of `from` to `to`. Failures are passed over: a file that cannot be read is
   /// at its end there, and what cannot be written is missing from there on.
   ///
-  /// @param expected  the size of a regular file, which saves the look whether there is more
+  /// @param expected  the size of a regular file, behind which nothing is read, so that what is
+  ///                  appended meanwhile is left out; -1: to the end, wherever it is
   void copy(int from, int to, off_t expected);
 
   /// The same for a whole regular file that has holes: they become holes again, but for a page
@@ -32,7 +33,7 @@ class FileCopier {
 
  private:
   bool put(int to, size_t got);
-  bool putRest(int to);
+  void putRest(int to);
 
   std::string siteName_;
   std::unique_ptr<char[]> piece_;

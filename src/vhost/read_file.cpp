@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <istream>
+#include <utility>
 
 #include "error/SystemError.h"
 #include "fs/unique_fd.h"
@@ -16,6 +17,15 @@ namespace {
 
 constexpr std::size_t kChunk = 65536;
 constexpr int kReading = O_RDONLY | O_CLOEXEC;
+
+/// Opened again where a signal has interrupted it, as it may the wait for a lease.
+UniqueFd opened(int dir_fd, const char* name, int flags) noexcept {
+  UniqueFd fd;
+  do {
+    fd.reset(::openat(dir_fd, name, flags));
+  } while (!fd && errno == EINTR);
+  return fd;
+}
 
 /// Fills `bytes` from `read(buffer, room)`, which gives how much it read: 0 at the end.
 template <class Read>
@@ -51,9 +61,11 @@ std::size_t takeSome(std::istream& in, char* buffer, std::size_t room) {
 
 }  // namespace
 
-UniqueFd openUnread(int dir_fd, const char* name, int flags) noexcept {
-  UniqueFd fd(::openat(dir_fd, name, kReading | O_NONBLOCK | O_NOCTTY | flags));
-  if (fd || errno != EAGAIN) return fd;
+UniqueFd openAtOnce(int dir_fd, const char* name, int flags) noexcept {
+  return opened(dir_fd, name, kReading | O_NONBLOCK | O_NOCTTY | flags);
+}
+
+UniqueFd openBehindLease(int dir_fd, const char* name, int flags) noexcept {
   // By its descriptor, since by its name a pipe might be opened by now.
   const UniqueFd place(::openat(dir_fd, name, O_PATH | O_CLOEXEC | flags));
   struct stat st = {};
@@ -61,11 +73,16 @@ UniqueFd openUnread(int dir_fd, const char* name, int flags) noexcept {
   if (S_ISREG(st.st_mode)) {
     char itself[32];
     snprintf(itself, sizeof itself, "/proc/self/fd/%d", place.get());
-    fd.reset(::open(itself, kReading));
+    UniqueFd fd = opened(AT_FDCWD, itself, kReading);
     if (fd || errno != ENOENT) return fd;  // there is no /proc
   }
   errno = EAGAIN;
   return {};
+}
+
+UniqueFd openUnread(int dir_fd, const char* name, int flags) noexcept {
+  UniqueFd fd = openAtOnce(dir_fd, name, flags);
+  return fd || errno != EAGAIN ? std::move(fd) : openBehindLease(dir_fd, name, flags);
 }
 
 FileContent readFileAndMode(int dir_fd, const char* name, const std::string& path,

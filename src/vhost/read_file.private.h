@@ -15,13 +15,24 @@ struct FileContent {
   mode_t mode;  ///< of what was opened, its type included
 };
 
-/// Opens a file for reading without waiting for the other end of a pipe. A regular file on which
-/// someone has a write lease is waited for, as by every reader: the kernel ends that after
-/// /proc/sys/fs/lease-break-time seconds (45 unless it is set; never for 0). Without /proc it
-/// cannot be waited for.
+/// Opens a file for reading without waiting, neither for the other end of a pipe nor for the end of
+/// a write lease.
 ///
 /// @param flags  O_NOFOLLOW or 0
-/// @return empty with errno, EAGAIN for a lease that could not be waited for
+/// @return empty with errno, EAGAIN for a regular file on which someone has a write lease
+UniqueFd openAtOnce(int dir_fd, const char* name, int flags) noexcept;
+
+/// Opens a regular file on which someone has a write lease; that is waited for, as by every reader,
+/// whatever signals come: the kernel ends it after /proc/sys/fs/lease-break-time seconds (45 unless
+/// it is set; never for 0).
+///
+/// @param flags  O_NOFOLLOW or 0
+/// @return empty with errno; EAGAIN without /proc, where it cannot be waited for, and for what is
+/// no
+///         regular file
+UniqueFd openBehindLease(int dir_fd, const char* name, int flags) noexcept;
+
+/// openAtOnce(), and openBehindLease() where there is a lease.
 UniqueFd openUnread(int dir_fd, const char* name, int flags) noexcept;
 
 /// What to do with pipes and devices, which may keep their reader waiting or never end.

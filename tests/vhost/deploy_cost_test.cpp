@@ -70,6 +70,15 @@ TEST_F(SetupSkeleton, IgnoresModesAndGroupsThatCannotBeSet) {
   EXPECT_EQ(deployed(), (Lines{"d 0755 0:0 conf", "f 0640 0:0 conf/file text"}));
 }
 
+TEST_F(SetupSkeleton, TakesAnOriginalWhoseTypeIsNotToldAsEmpty) {
+  write_file(skeleton("conf/file"), "text", 0604);
+  EXPECT_EQ(deploy_traced({"-o", kLog, "-P", skeleton("conf/file"), "-e",
+                           "inject=fstat,newfstatat:error=EIO"},
+                          options_),
+            (testsupport::Outcome{"", "", 0}));
+  EXPECT_EQ(deployed(), (Lines{"d 0755 0:4242 conf", "f 0604 0:4242 conf/file "}));
+}
+
 TEST_F(SetupSkeleton, KeepsTheSetIdBitsOfProgramsWhereTheGroupCannotBeChanged) {
   write_file(skeleton("conf/file"), "text", 06755);
   EXPECT_EQ(deploy_traced({"-o", kLog, "-e", "inject=fchown:error=EPERM"}, options_),

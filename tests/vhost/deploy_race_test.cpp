@@ -1,14 +1,17 @@
 #include <errno.h>
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <filesystem>
+#include <iostream>
 #include <stdexcept>
 
 #include "support/lease_holder.h"
+#include "support/private_mounts.h"
 #include "vhost/deploy_entry.private.h"
 #include "vhost/deploy_race_fixture.h"
 
@@ -25,8 +28,9 @@ using SetupSkeletonInARace = DeployRaceTest;
 /// The calls in which a name occurs: the listing opens each directory, and looks at the first entry
 /// of each.
 const Call kLookAtOriginalFile{SYS_newfstatat, "file", 2};
-const Call kCreationOfFile{SYS_openat, "file", 1};
-const Call kOpeningOfOriginalFile{SYS_openat, "file", 2};
+const Call kOpeningOfOriginalFile{SYS_openat, "file", 1};
+const Call kCreationOfFile{SYS_openat, "file", 2};
+const Call kSecondFchmod{SYS_fchmod, "", 2};  // the first is that of the directory
 const Call kWayIntoOriginalDirectory{SYS_openat, "conf", 2};
 const Call kCreationOfDirectory{SYS_mkdirat, "sub"};
 const Call kOpeningOfNewDirectory{SYS_openat, "sub", 2};
@@ -113,6 +117,15 @@ TEST_F(SetupSkeletonInARace, TakesAnOriginalThatCannotBeReadAnyMoreAsEmpty) {
   }
 }
 
+TEST_F(SetupSkeletonInARace, GivesTheModeOfTheOriginalThatItReads) {
+  write_file(skeleton("conf/file"), "for all", 0644);
+  write_file(root("other"), "for one", 0600);
+  EXPECT_EQ(deployStoppedAt(kOpeningOfOriginalFile,
+                            [] { fs::rename(root("other"), skeleton("conf/file")); }),
+            done());
+  EXPECT_EQ(deployed(), (Lines{"d 0755 0:4242 conf", "f 0600 0:4242 conf/file for one"}));
+}
+
 TEST_F(SetupSkeletonInARace, CopiesAnOriginalThatGrowsOrShrinks) {
   const std::string path = skeleton("conf/file");
   for (const char* later : {"much longer than it was", "short", ""}) {
@@ -125,10 +138,36 @@ TEST_F(SetupSkeletonInARace, CopiesAnOriginalThatGrowsOrShrinks) {
 
 TEST_F(SetupSkeletonInARace, WaitsForTheEndOfALeaseOnAnOriginal) {
   write_file(skeleton("conf/file"), "text of @domain_name@");
-  const testsupport::LeaseHolder holder(skeleton("conf/file"));
+  const testsupport::LeaseHolder holder(skeleton("conf/file"), [](int fd) {
+    const bool shown = fs::exists(host("conf/file"));
+    static_cast<void>(!pwrite(fd, shown ? "seen" : "none", 4, 0));
+  });
   EXPECT_EQ(deploy(), done());
-  EXPECT_EQ(testsupport::read_file(host("conf/file")), "text of example.com");
+  EXPECT_EQ(testsupport::read_file(host("conf/file")), "none of example.com")
+      << "an empty file is not seen meanwhile";
   EXPECT_TRUE(holder.was_asked());
+}
+
+TEST_F(SetupSkeletonInARace, WaitsForNoLeaseWhereTheTargetExists) {
+  write_file(skeleton("conf/file"), "text");
+  write_file(host("conf/file"), "theirs");
+  const testsupport::LeaseHolder holder(skeleton("conf/file"), [](int) { sleep(60); });
+  EXPECT_EQ(deployAfter([] { alarm(30); }), done(existing(host("conf/file"))));
+  EXPECT_EQ(testsupport::read_file(host("conf/file")), "theirs");
+}
+
+TEST_F(SetupSkeletonInARace, TakesAnOriginalUnderALeaseAsEmptyWithoutProc) {
+  write_file(skeleton("conf/file"), "text", 0604);
+  const testsupport::LeaseHolder holder(skeleton("conf/file"));
+  const auto outcome = testsupport::in_child([&] {
+    testsupport::require(unshare(CLONE_NEWNS) == 0, "unshare");
+    testsupport::leave_no_proc();
+    deployHere();
+    std::cout.flush();
+    _exit(0);  // a search for leaks reads /proc
+  });
+  EXPECT_EQ(outcome, done());
+  EXPECT_EQ(deployed(), (Lines{"d 0755 0:4242 conf", "f 0604 0:4242 conf/file "}));
 }
 
 TEST_F(SetupSkeletonInARace, GoesByWhatBecomesOfAnOriginalUnderALease) {
@@ -237,8 +276,7 @@ TEST_F(SetupSkeletonInARace, MakesNoFileMoreOpenThanItWillBe) {
   for (const mode_t mode : {0600U, 0640U, 0004U}) {
     write_file(skeleton("conf/file"), "secret", mode);
     fs::remove_all(root("example.com"));
-    EXPECT_EQ(deployStoppedAt(kOpeningOfOriginalFile, [] { noteModeOf(host("conf/file")); }),
-              done());
+    EXPECT_EQ(deployStoppedAt(kSecondFchmod, [] { noteModeOf(host("conf/file")); }), done());
     EXPECT_EQ(std::stoul(notedMode(), nullptr, 8), mode);
   }
 }

@@ -1,8 +1,11 @@
 #include <errno.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -72,6 +75,26 @@ constexpr int kOpeningOfTheFile = 3;
 TEST_F(OpenUnread, WaitsForTheEndOfALease) {
   EXPECT_EQ(in_child([&] { tell(path_); }), (Outcome{"text", "", 0}));
   EXPECT_EQ(told_when(kOpeningOfThePlace, [] {}), "text");
+}
+
+TEST_F(OpenUnread, WaitsWhateverSignalsCome) {
+  const LeaseHolder holder(path_, [](int) { usleep(200000); });
+  const Outcome outcome = in_child([&] {
+    struct sigaction interrupting = {};
+    interrupting.sa_handler = [](int) {};
+    sigevent event = {};
+    event.sigev_notify = SIGEV_SIGNAL;
+    event.sigev_signo = SIGUSR1;
+    timer_t timer = {};
+    const itimerspec often = {{0, 10000000}, {0, 10000000}};
+    if (sigaction(SIGUSR1, &interrupting, nullptr) != 0 ||
+        timer_create(CLOCK_MONOTONIC, &event, &timer) != 0 ||
+        timer_settime(timer, 0, &often, nullptr) != 0)
+      _exit(1);
+    tell(path_);
+    timer_delete(timer);
+  });
+  EXPECT_EQ(outcome, (Outcome{"text", "", 0}));
 }
 
 TEST_F(OpenUnread, OpensTheFileThatItHasWaitedForWhateverHasItsNameByNow) {
