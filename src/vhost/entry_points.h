@@ -39,9 +39,11 @@ typedef struct DocrootCleanOptions {
  * other special files are never deployed. In regular files "@domain_name@" becomes the site's name.
  * What is created for an entry of the skeleton gets its permission bits, the group "oxacln" (as far
  * as the caller may give it) and the caller's own user as owner. An original that cannot be read
- * gives an empty file; one that another process has a write lease on is waited for, where /proc is
- * mounted. No symbolic link below the host's directory, the document root or the CGI
- * directory is passed: the entry is reported and skipped.
+ * gives an empty file, and where reading or writing fails on the way the file ends there, in
+ * silence; a later deployment finds that it exists. One that another process has a write lease on
+ * is waited for, where /proc is mounted and its target is missing. No symbolic link below the
+ * host's directory, the document root or the CGI directory is passed: the entry is reported and
+ * skipped.
  *
  * @param vhostDir    ROOT/SITE or ROOT/SITE/subdomains/NAME
  * @param mode        a SetupSkeletonMode; any other number selects nothing
@@ -49,7 +51,8 @@ typedef struct DocrootCleanOptions {
  * @return 0
  * @throws std::runtime_error for a directory that is no virtual host, for a missing default
  *         skeleton and a missing group; std::filesystem::filesystem_error when the host's directory
- *         cannot be examined, or a directory cannot be created. What was created before stays.
+ *         cannot be examined, or a directory cannot be created; std::bad_alloc. What was created
+ *         before stays.
  */
 FRASK_API int setup_skeleton(const char* vhostDir, int mode, const char* skeletonId,
                              const DocrootCleanOptions* options);
