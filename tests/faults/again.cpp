@@ -36,7 +36,8 @@ std::optional<Entry> find(const Lines& lines, const std::string& path) {
 /// Whether a fault may leave `found` of what a clean run makes as `whole`.
 bool is_part_of(const Entry& found, const Entry& whole) {
   const std::string created = whole.type == "d" ? "0755" : "0644";
-  return found.type == whole.type && (found.content == whole.content || found.content.empty()) &&
+  const bool beginning = whole.content.compare(0, found.content.size(), found.content) == 0;
+  return found.type == whole.type && beginning &&
          (found.mode == whole.mode || found.mode == created) &&
          (found.owner == whole.owner || found.owner == "0:0");
 }

@@ -189,8 +189,10 @@ Stage::Stage() {
       "tar -cf ../archives/skel.tar .; tar -czf ../archives/skel.tgz .\n"
       "zip -qry ../archives/skel.zip .\n"
       "mkdir /usr/local/oxa/var; cp ../archives/skel.tgz /usr/local/oxa/var/default_skeleton.tgz\n"
-      // Modes that deployment has to set.
-      "cd /var/www/vhosts/.skel/9; chmod 0640 httpdocs/index.html; chmod 0750 cgi-bin/sub\n"
+      // A file with a hole on either side of its text, and modes that deployment has to set.
+      "cd /var/www/vhosts/.skel/9; mkdir conf; truncate -s 12288 conf/holes\n"
+      "printf @domain_name@ >>conf/holes; truncate -s 24576 conf/holes\n"
+      "chmod 0640 httpdocs/index.html; chmod 0750 cgi-bin/sub\n"
       // Devices and a log of the roads' own, and the temporary files where the archives are.
       "mount -t tmpfs none /mnt/dev; cd /mnt/dev\n"
       "for device in null zero full random urandom; do\n"
