@@ -37,23 +37,14 @@ UniqueFd reserve(BackupFileGenerator& names, const HoldingDirectory& directory, 
   return {};
 }
 
-bool writeAll(int fd, const std::string& bytes) {
-  for (std::size_t done = 0; done < bytes.size();) {
-    const ssize_t written = ::write(fd, bytes.data() + done, bytes.size() - done);
-    if (written < 0 && errno != EINTR) return false;
-    if (written > 0) done += static_cast<std::size_t>(written);
-  }
-  return true;
-}
-
 /// In the order of the standard library's copy: the mode is set first, so that an unprivileged
 /// process loses set-id bits again by writing.
-bool fill(UniqueFd& backup, const FileContent& content) {
-  if (!S_ISREG(content.mode)) {
+bool fill(UniqueFd& backup, Original& original) {
+  if (!S_ISREG(original.mode())) {
     errno = EINVAL;
     return false;
   }
-  if (::fchmod(backup.get(), content.mode) == 0 && writeAll(backup.get(), content.bytes))
+  if (::fchmod(backup.get(), original.mode()) == 0 && original.copyTo(backup.get()))
     return backup.close() == 0;
   const int error = errno;
   // Half a copy would pass for a whole one. Where even this fails, there is nothing better to do.
@@ -69,10 +60,10 @@ bool exists(const HoldingDirectory& directory, const char* path) {
 
 /// Everything that can be thrown on this way has a text. Caught by any type, the end of a cancelled
 /// thread would be taken for a failure, too.
-void backUpOrLog(const char* path, const FileContent& content, const HoldingDirectory& directory) {
+void backUpOrLog(const char* path, Original& original, const HoldingDirectory& directory) {
   try {
     BackupFileGenerator names(path);
-    backUp(path, content, names, directory);
+    backUp(path, original, names, directory);
   } catch (const std::exception& failure) {
     frask_log(LOG_ERR, "Failed to back up file '%s': %s", path, failure.what());
   }
@@ -81,13 +72,6 @@ void backUpOrLog(const char* path, const FileContent& content, const HoldingDire
 std::size_t lengthOfDirectory(const char* path) noexcept {
   const char* separator = strrchr(path, '/');
   return separator != nullptr ? static_cast<std::size_t>(separator - path) + 1 : 0;
-}
-
-/// Above the standard descriptors, whose numbers the files are to get as if it were not there.
-UniqueFd openDirectory(const std::string& path) noexcept {
-  UniqueFd fd(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-  if (!fd || fd.get() > STDERR_FILENO) return fd;
-  return UniqueFd(::fcntl(fd.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
 }
 
 }  // namespace
@@ -108,18 +92,20 @@ std::string BackupFileGenerator::next() {
 
 HoldingDirectory::HoldingDirectory(const char* path) : length_(lengthOfDirectory(path)) {
   if (length_ == 0) return;
-  fd_ = openDirectory(std::string(path, length_));
+  const std::string directory(path, length_);
+  fd_ = aboveStandardDescriptors(
+      UniqueFd(::open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)));
   const int error = errno;
   if (!fd_) throwSystemError(std::string(path) + ": open failed", error);
 }
 
-void backUp(const char* path, const FileContent& content, BackupFileGenerator& names,
+void backUp(const char* path, Original& original, BackupFileGenerator& names,
             const HoldingDirectory& directory) {
   std::string name;
   UniqueFd backup = reserve(names, directory, name);
   if (!backup) {
     frask_log(LOG_ERR, "Free filename for backup file '%s' not found", path);
-  } else if (!fill(backup, content)) {
+  } else if (!fill(backup, original)) {
     const std::error_code error(errno, std::generic_category());
     throw std::filesystem::filesystem_error("cannot copy file", path, name, error);
   }
@@ -133,11 +119,10 @@ void protect(const char* path) {
   // Deliberate: whoever may write to the directory could put a pipe there to hold the caller, or a
   // link to a device that never ends. Neither can be copied, nor is the banner looked for in it.
   // Pinned by CopyIfNoDontedit.LogsThatPipesAndDevicesCannotBeCopiedAndNeitherReadsThemNorWaits.
-  const FileContent content =
-      readFileAndMode(directory.fd(), directory.nameOf(path), path, Streams::kLeaveUnread);
-  if (content.bytes.find(kBanner) != std::string::npos) return;
+  Original original(directory.fd(), directory.nameOf(path), path);
+  if (original.contains(kBanner)) return;
   // By now it may have been moved away: what bears the name is not about to be lost then.
-  if (exists(directory, path)) backUpOrLog(path, content, directory);
+  if (exists(directory, path)) backUpOrLog(path, original, directory);
 }
 
 }  // namespace

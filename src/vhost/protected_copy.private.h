@@ -8,7 +8,7 @@
 
 #include "fs/unique_fd.h"
 #include "vhost/misc.h"
-#include "vhost/read_file.private.h"
+#include "vhost/protected_copy_original.private.h"
 
 namespace frask {
 
@@ -32,12 +32,12 @@ class HoldingDirectory {
   UniqueFd fd_;         ///< none for the working directory
 };
 
-/// Writes what was read from `path` to a new file with the first free one of `names`, which lie in
-/// `directory`. That none is free is logged.
+/// Copies the `original`, which is at `path`, to a new file with the first free one of `names`,
+/// which lie in `directory`. That none is free is logged.
 /// @throws SystemError when a name cannot be reserved; std::filesystem::filesystem_error, whose
 ///         text is that of std::filesystem::copy_file(), when the copy fails: the reserved file
 ///         then stays, empty
-void backUp(const char* path, const FileContent& content, BackupFileGenerator& names,
+void backUp(const char* path, Original& original, BackupFileGenerator& names,
             const HoldingDirectory& directory);
 
 }  // namespace frask

@@ -85,26 +85,18 @@ UniqueFd openUnread(int dir_fd, const char* name, int flags) noexcept {
   return fd || errno != EAGAIN ? std::move(fd) : openBehindLease(dir_fd, name, flags);
 }
 
-FileContent readFileAndMode(int dir_fd, const char* name, const std::string& path,
-                            Streams streams) {
-  const bool all = streams == Streams::kRead;
-  const UniqueFd fd =
-      all ? UniqueFd(::openat(dir_fd, name, kReading)) : openUnread(dir_fd, name, 0);
+std::string readFile(const std::string& path) {
+  const UniqueFd fd(::open(path.c_str(), kReading));
   struct stat st = {};
   if (!fd || ::fstat(fd.get(), &st) != 0) {
     const int error = errno;
     throwSystemError(path + ": open failed", error);
   }
-  FileContent content{{}, st.st_mode};
-  if (!all && !S_ISREG(st.st_mode)) return content;
   const auto expected = S_ISREG(st.st_mode) ? static_cast<std::size_t>(st.st_size) : 0;
-  readToEnd(content.bytes, expected,
+  std::string bytes;
+  readToEnd(bytes, expected,
             [&](char* buffer, std::size_t room) { return readSome(fd.get(), buffer, room, path); });
-  return content;
-}
-
-std::string readFile(const std::string& path) {
-  return readFileAndMode(AT_FDCWD, path.c_str(), path, Streams::kRead).bytes;
+  return bytes;
 }
 
 std::string readFile(std::istream& in) {

@@ -1,19 +1,10 @@
-// Not installed: a file read whole, with what its status says.
+// Not installed: how files are opened that another user may have put there.
 #ifndef FRASK_VHOST_READ_FILE_PRIVATE_H
 #define FRASK_VHOST_READ_FILE_PRIVATE_H
-
-#include <sys/types.h>
-
-#include <string>
 
 #include "fs/unique_fd.h"
 
 namespace frask {
-
-struct FileContent {
-  std::string bytes;
-  mode_t mode;  ///< of what was opened, its type included
-};
 
 /// Opens a file for reading without waiting, neither for the other end of a pipe nor for the end of
 /// a write lease.
@@ -27,21 +18,12 @@ UniqueFd openAtOnce(int dir_fd, const char* name, int flags) noexcept;
 /// it is set; never for 0).
 ///
 /// @param flags  O_NOFOLLOW or 0
-/// @return empty with errno; EAGAIN without /proc, where it cannot be waited for, and for what is
-/// no
-///         regular file
+/// @return empty with errno; EAGAIN without /proc, where it cannot be waited for, and for what
+///         is no regular file
 UniqueFd openBehindLease(int dir_fd, const char* name, int flags) noexcept;
 
 /// openAtOnce(), and openBehindLease() where there is a lease.
 UniqueFd openUnread(int dir_fd, const char* name, int flags) noexcept;
-
-/// What to do with pipes and devices, which may keep their reader waiting or never end.
-enum class Streams { kRead, kLeaveUnread };
-
-/// readFile() of the file `name` in a directory (or AT_FDCWD), and the mode of the very file that
-/// was read; `path` is for the messages alone. What is left unread is opened without waiting, and
-/// empty.
-FileContent readFileAndMode(int dir_fd, const char* name, const std::string& path, Streams streams);
 
 }  // namespace frask
 

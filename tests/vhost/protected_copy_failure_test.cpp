@@ -137,7 +137,7 @@ TEST(CopyIfNoDontedit, KeepsNoCopyOfWhatIsGoneOnceItHasBeenRead) {
   const ScratchDir dir;
   write_file(dir / "f", "text");
   const Outcome outcome = testsupport::in_child_stopped_at(
-      {SYS_newfstatat, "f"}, [&] { fs::remove(dir / "f"); },
+      {SYS_newfstatat, "f", 2}, [&] { fs::remove(dir / "f"); },
       [&] { copy_if_no_dontedit((dir / "f").c_str()); });
   EXPECT_EQ(outcome, (Outcome{"", "", 0}));
   EXPECT_EQ(tree_listing(dir.path()), Lines{});
@@ -261,20 +261,22 @@ TEST(CopyIfNoDontedit, LogsWithPriority3) {
 
 TEST(BackUp, LogsThatNoNameIsFree) {
   const ScratchDir dir;
+  write_file(dir / "f", "new");
   write_file(dir / "f.saved_by_oxa.2147483646", "old");
   const auto back_up_from = [&](int number) {
     return in_child([&, number] {
       frask::BackupFileGenerator names(dir / "f");
       vhosttest::jump_to(names, number);
-      frask::backUp((dir / "f").c_str(), {"new", S_IFREG | 0644}, names,
-                    frask::HoldingDirectory((dir / "f").c_str()));
+      const frask::HoldingDirectory directory((dir / "f").c_str());
+      frask::Original original(directory.fd(), "f", dir / "f");
+      frask::backUp((dir / "f").c_str(), original, names, directory);
     });
   };
   const std::string text = "Free filename for backup file '" + (dir / "f") + "' not found";
   expect_logged(back_up_from(INT_MAX - 1), text);
   expect_logged(back_up_from(INT_MAX), text);
   EXPECT_EQ(read_file(dir / "f.saved_by_oxa.2147483646"), "old");
-  EXPECT_EQ(tree_listing(dir.path()).size(), 1U);
+  EXPECT_EQ(tree_listing(dir.path()).size(), 2U);
   EXPECT_EQ(back_up_from(INT_MAX - 2), (Outcome{"", "", 0}));
   EXPECT_EQ(read_file(dir / "f.saved_by_oxa.2147483645"), "new");
 }

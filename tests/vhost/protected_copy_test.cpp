@@ -279,9 +279,11 @@ TEST(CopyIfNoDontedit, GivesProcessesAtTheSameTimeDistinctNames) {
 
 TEST(CopyIfNoDontedit, StaysInTheDirectoryThatItFound) {
   for (const testsupport::Call& before :
-       {testsupport::Call{SYS_openat, "f"}, testsupport::Call{SYS_newfstatat, "f"},
+       {testsupport::Call{SYS_openat, "f"}, testsupport::Call{SYS_newfstatat, "f", 1},
+        testsupport::Call{SYS_newfstatat, "f", 2},
         testsupport::Call{SYS_openat, "f.saved_by_oxa"}}) {
-    SCOPED_TRACE(std::to_string(before.number) + " of " + before.name);
+    SCOPED_TRACE(std::to_string(before.number) + " of " + before.name + ", " +
+                 std::to_string(before.occurrence));
     const ScratchDir dir;
     write_file(dir / "conf/f", "text");
     write_file(dir / "outside/f", "theirs");
