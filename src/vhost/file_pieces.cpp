@@ -44,7 +44,7 @@ bool FilePieces::findData() noexcept {
   const off_t data = told_ ? ::lseek(fd_, place_, SEEK_DATA) : -1;
   off_t hole = -1;
   if (data >= 0) {
-    place_ = std::min(data, end_);
+    place_ = data;
     hole = ::lseek(fd_, data, SEEK_HOLE);
   } else if (told_ && errno == ENXIO) {
     // Behind the end of what was cut nothing is read then, and of what tells no size all is.

@@ -14,8 +14,6 @@
 namespace frask {
 namespace {
 
-constexpr blkcnt_t kBlock = 512;  // whatever the file system's own is
-
 /// What reading may keep waiting or never end, and merely opening may act on: a watchdog begins to
 /// count, and whoever waits for a pipe's reader goes on.
 bool isPipeOrDevice(mode_t mode) noexcept {
@@ -79,7 +77,7 @@ void Original::open(int dir_fd, const char* name) {
 
 void Original::readBeginning() {
   const auto size = static_cast<size_t>(st_.st_size);
-  // Room behind what is expected: the end is seen by the same call.
+  // Room behind what is expected: what has been appended since is seen.
   piece_.resize(std::min(size, kPiece - 1) + 1);
   while (!whole_ && read_ < kPiece) {
     if (read_ == piece_.size()) piece_.resize(kPiece);
@@ -87,7 +85,7 @@ void Original::readBeginning() {
     const int error = errno;
     if (got < 0) throwSystemError(path_ + ": read failed", error);
     read_ += static_cast<size_t>(got);
-    whole_ = got == 0 || (read_ == size && read_ < piece_.size());
+    whole_ = got == 0 || read_ == size;
   }
 }
 
@@ -115,10 +113,9 @@ bool Original::restContains(std::string_view text) {
   return false;
 }
 
-/// A file that is shorter than its size says, as below /sys, has none.
 bool Original::hasHoles() const noexcept {
-  return st_.st_blocks < st_.st_size / kBlock &&
-         (!whole_ || static_cast<off_t>(read_) == st_.st_size);
+  constexpr blkcnt_t kBlock = 512;  // of st_blocks (POSIX leaves it open, Linux has no other)
+  return st_.st_blocks < st_.st_size / kBlock;
 }
 
 bool Original::copyTo(int to) {

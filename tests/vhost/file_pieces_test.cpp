@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,6 +13,7 @@
 
 #include "fs/unique_fd.h"
 #include "support/scratch.h"
+#include "support/stopped_child.h"
 #include "vhost/file_pieces.private.h"
 
 namespace {
@@ -151,6 +153,22 @@ TEST_F(FilePiecesOf, AreNoZerosOfWhatWasEmptyAtFirstAndHasGrown) {
   EXPECT_EQ(pieces.end(), kLargest);
 }
 
+TEST_F(FilePiecesOf, AreNoZerosOfAHoleThatComesBetweenTheLookAndTheRead) {
+  make(0);
+  const testsupport::Outcome outcome = testsupport::in_child_stopped_at(
+      {SYS_pread64, ""},
+      [&] {
+        resize(kLargest);
+        put(kMiB, "text");
+      },
+      [&] {
+        FilePieces pieces(fd_.get(), 0);
+        EXPECT_EQ(texts_of(pieces), (TextsByPlace{{0, ""}, {kMiB, "text"}}));
+        if (HasFailure()) _exit(1);
+      });
+  EXPECT_EQ(outcome, (testsupport::Outcome{"", "", 0}));
+}
+
 std::string all_of(const char* path, off_t* end) {
   const UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
   FilePieces pieces(fd.get(), 0);
@@ -167,7 +185,8 @@ std::string all_of(const char* path, off_t* end) {
 }
 
 TEST(FilePieces, AreAllThatAFileHoldsWhateverItSays) {
-  for (const char* path : {"/proc/version", "/proc/filesystems", "/sys/kernel/uevent_seqnum"}) {
+  for (const char* path :
+       {"/proc/version", "/proc/sys/kernel/ostype", "/sys/kernel/uevent_seqnum"}) {
     SCOPED_TRACE(path);
     const std::string text = testsupport::read_file(path);
     ASSERT_NE(text, "");

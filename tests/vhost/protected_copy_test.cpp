@@ -348,6 +348,7 @@ TEST(CopyIfNoDontedit, NamesEachFileOnceAndGoesOnByDescriptor) {
   EXPECT_EQ(lines_with(trace, "openat(AT_FDCWD</").size(), lines_with(trace, "openat(").size())
       << "no open by descriptor";
   EXPECT_EQ(lines_with(trace, ", \"f\", O_RDONLY").size(), 1U) << "the file is opened once";
+  EXPECT_EQ(lines_with(trace, "/f>").size(), 4U) << "and looked at, read and closed";
 }
 
 }  // namespace
