@@ -109,15 +109,15 @@ FRASK_API void wido_delete_instance(const char* vhostDir, const DocrootCleanOpti
  * The copy has the file's mode, set-ID bits included, as the standard library's copy gives it, and
  * is the caller's own; its group is that of new files in its directory. The file itself stays in
  * place. Links are followed: call it for files in directories that only the panel writes to. Holes
- * become holes again, and a file of any size is looked through and copied with a piece of 256 KiB in
- * memory, so that it costs what its data costs. What is appended meanwhile to one that is longer may
- * be missing from the copy.
+ * become holes again, and a file of any size is looked through and copied with a piece of 256 KiB
+ * in memory, so that it costs what its data costs. What is appended meanwhile to one that is longer
+ * may be missing from the copy.
  *
- * A failed backup is logged through frask_log with priority 3 and does not stop the caller; the name
- * that was reserved for it stays, in most cases as an empty file. So it is with pipes and devices,
- * which cannot be copied and are neither opened nor waited for, unless one takes the file's place at
- * the last moment: then it is opened, but not read. A file that another process has a
- * write lease on is waited for, as long as /proc/sys/fs/lease-break-time lets it keep that; where
+ * A failed backup is logged through frask_log with priority 3 and does not stop the caller; the
+ * name that was reserved for it stays, in most cases as an empty file. So it is with pipes and
+ * devices, which cannot be copied and are neither opened nor waited for, unless one takes the
+ * file's place at the last moment: then it is opened, but not read. A file that another process has
+ * a write lease on is waited for, as long as /proc/sys/fs/lease-break-time lets it keep that; where
  * /proc is not mounted, the exception says EAGAIN instead.
  *
  * Deliberate: in a process whose standard input is closed every backup fails that way, because
