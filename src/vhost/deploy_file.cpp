@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <limits>
 #include <string_view>
 #include <utility>
 
@@ -41,6 +42,12 @@ void endBehind(int fd, off_t hole) noexcept {
   static_cast<void>(whole >= 0 && ::ftruncate(fd, whole) == 0);
 }
 
+/// A page, or what is left of it before the last place that there may be.
+size_t pageAt(off_t place) noexcept {
+  const off_t most = std::max<off_t>(std::numeric_limits<off_t>::max() - place, 1);
+  return std::min(kPage, static_cast<size_t>(most));
+}
+
 /// Where a file has data. A file that does not tell has data everywhere.
 class Extents {
  public:
@@ -74,12 +81,13 @@ FileCopier::FileCopier(std::string siteName)
 
 void FileCopier::copy(int from, int to, off_t expected) {
   held_ = 0;
-  bool more = true;
-  while (more) {
-    const ssize_t got = again([&] { return ::read(from, piece_.get() + held_, kPiece - held_); });
+  off_t left = expected > 0 ? expected : std::numeric_limits<off_t>::max();
+  while (left > 0) {
+    const off_t room = std::min(left, static_cast<off_t>(kPiece - held_));
+    const ssize_t got =
+        again([&] { return ::read(from, piece_.get() + held_, static_cast<size_t>(room)); });
     if (got <= 0) break;
-    expected -= got;
-    more = expected != 0;
+    left -= got;
     if (!put(to, static_cast<size_t>(got))) return;
   }
   putRest(to);
@@ -94,7 +102,7 @@ void FileCopier::copyWithHoles(int from, int to) {
     const off_t end = ::lseek(from, 0, SEEK_END);
     // Behind what may be the beginning of a placeholder no hole is passed over: it may be filled by
     // now. A page is read instead, not to write many out.
-    const size_t room = held_ == 0 ? extents.next(at, kPiece) : kPage;
+    const size_t room = held_ == 0 ? extents.next(at, kPiece) : pageAt(at);
     if (room == 0) return endBehind(to, std::min(end, ::lseek(from, 0, SEEK_END)) - done);
     const ssize_t got = again([&] { return ::pread(from, piece_.get() + held_, room, at); });
     if (got <= 0) {

@@ -22,8 +22,9 @@ class FileCopier {
   /// Copies what is left of `from` to `to`. Failures are passed over: a file that cannot be read is
   /// at its end there, and what cannot be written is missing from there on.
   ///
-  /// @param expected  the size of a regular file, behind which nothing is read, so that what is
-  ///                  appended meanwhile is left out; -1: to the end, wherever it is
+  /// @param expected  the size of a regular file, behind which nothing is read, so that whoever
+  ///                  appends to it without end holds nobody; 0: to the end, for a file that may
+  ///                  tell no size
   void copy(int from, int to, off_t expected);
 
   /// The same for a whole regular file that has holes: they become holes again, but for a page

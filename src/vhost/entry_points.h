@@ -124,9 +124,9 @@ FRASK_API void wido_delete_instance(const char* vhostDir, const DocrootCleanOpti
  * descriptor 0 counts as a failure. Pinned by CopyIfNoDontedit.TakesDescriptor0ForAFailure.
  *
  * @param path  NULL and a missing file: nothing happens
- * @throws frask::SystemError when the file exists but cannot be opened, or not be read while the
- *         banner is looked for; std::bad_alloc when there is no memory for that. Nothing has been
- *         created then.
+ * @throws frask::SystemError when the file cannot be opened, for any other reason than that it is
+ *         missing, or not be read while the banner is looked for; std::bad_alloc when there is no
+ *         memory for that. Nothing has been created then.
  */
 FRASK_API void copy_if_no_dontedit(const char* path);
 

@@ -14,52 +14,76 @@ constexpr off_t kEndless = std::numeric_limits<off_t>::max();
 /// What is read, before it is asked for again, where a file has data against its word.
 constexpr off_t kDoubtful = 4096;
 
+/// Whether a file system says that it tells no holes, or not of this file.
+bool tellsNone(int error) noexcept {
+  return error == EINVAL || error == EOPNOTSUPP || error == ESPIPE;
+}
+
 }  // namespace
 
 FilePieces::FilePieces(int fd, off_t begin) noexcept
-    : fd_(fd), next_(begin), place_(begin), dataEnd_(begin), end_(size()) {
-  if (end_ <= begin) end_ = kEndless;
+    : fd_(fd), next_(begin), place_(begin), dataEnd_(begin) {
+  static_cast<void>(findEnd());
 }
 
 ssize_t FilePieces::next(char* buffer, size_t room) noexcept {
+  if (end_ < 0 && !findEnd()) return -1;
   place_ = next_;
-  if (place_ >= end_ || !findData()) {
-    end_ = std::min(end_, size());
-    return 0;
-  }
+  const Found found = place_ < end_ ? findData() : Found::kNone;
+  if (found == Found::kFailure) return -1;
+  if (found == Found::kNone) return endAt(end_);
   // No farther than the end: a system call takes no place that does not fit its type.
   const auto most = static_cast<size_t>(std::min(dataEnd_ - place_, static_cast<off_t>(room)));
   ssize_t got = -1;
   do {
     got = ::pread(fd_, buffer, most, place_);
   } while (got < 0 && errno == EINTR);
+  if (got == 0) return endAt(place_);
   if (got > 0) next_ = place_ + got;
-  if (got == 0) end_ = std::min(place_, size());
   return got;
 }
 
+bool FilePieces::findEnd() noexcept {
+  end_ = size();
+  if (end_ == 0 && ::lseek(fd_, 0, SEEK_DATA) < 0 && tellsNone(errno)) end_ = kEndless;
+  return end_ >= 0;
+}
+
+/// There, or where the file has been cut. The result is next()'s.
+ssize_t FilePieces::endAt(off_t place) noexcept {
+  const off_t now = size();
+  if (now < 0) return -1;
+  end_ = std::min(place, now);
+  return 0;
+}
+
 /// Moves on to data, unless there is no more.
-bool FilePieces::findData() noexcept {
-  if (place_ < dataEnd_) return true;
+FilePieces::Found FilePieces::findData() noexcept {
+  if (place_ < dataEnd_) return Found::kData;
   const off_t data = told_ ? ::lseek(fd_, place_, SEEK_DATA) : -1;
   off_t hole = -1;
   if (data >= 0) {
     place_ = data;
     hole = ::lseek(fd_, data, SEEK_HOLE);
   } else if (told_ && errno == ENXIO) {
-    // Behind the end of what was cut nothing is read then, and of what tells no size all is.
-    if (size() > place_) return false;
+    // Behind the end of what was cut nothing is read then.
+    const off_t now = size();
+    if (now < 0) return Found::kFailure;
+    if (now > place_) return Found::kNone;
+  } else if (told_ && !tellsNone(errno)) {
+    return Found::kFailure;
   } else {
     told_ = false;
     hole = end_;
   }
   dataEnd_ = hole > place_ ? std::min(hole, end_) : place_ + std::min(kDoubtful, end_ - place_);
-  return place_ < end_;
+  return place_ < end_ ? Found::kData : Found::kNone;
 }
 
+/// -1 where it is not told.
 off_t FilePieces::size() const noexcept {
   struct stat st = {};
-  return ::fstat(fd_, &st) == 0 ? st.st_size : 0;
+  return ::fstat(fd_, &st) == 0 ? st.st_size : -1;
 }
 
 }  // namespace frask

@@ -11,7 +11,8 @@ namespace frask {
 /// as long as its data. A file that does not tell where it has holes has data everywhere.
 ///
 /// It ends where it ended at first, or where it is cut meanwhile: whoever appends without end holds
-/// no reader. One that tells no size, as below /proc, ends where nothing more is read.
+/// no reader. One that tells neither a size nor holes, as below /proc, ends where nothing more is
+/// read.
 class FilePieces {
  public:
   /// @param fd     stays the caller's; its position changes
@@ -20,7 +21,8 @@ class FilePieces {
 
   /// Reads the next piece. A read that a signal interrupts is repeated.
   ///
-  /// @return how much, 0 at the end; -1 with errno
+  /// @return how much, 0 at the end; -1 with errno, also where the file's size or its holes cannot
+  ///         be told for another reason than that the file system does not know of them
   ssize_t next(char* buffer, size_t room) noexcept;
 
   /// Where the last piece begins: farther on than the one before ends where a hole was passed over.
@@ -30,14 +32,18 @@ class FilePieces {
   off_t end() const noexcept { return end_; }
 
  private:
-  bool findData() noexcept;
+  enum class Found { kData, kNone, kFailure };
+
+  bool findEnd() noexcept;
+  ssize_t endAt(off_t place) noexcept;
+  Found findData() noexcept;
   off_t size() const noexcept;
 
   int fd_;
   off_t next_;
   off_t place_;
-  off_t dataEnd_;  ///< as far as is known
-  off_t end_;
+  off_t dataEnd_;   ///< as far as is known
+  off_t end_ = -1;  ///< while it is not known
   bool told_ = true;
 };
 

@@ -77,8 +77,10 @@ void Original::open(int dir_fd, const char* name) {
 
 void Original::readBeginning() {
   const auto size = static_cast<size_t>(st_.st_size);
-  // Room behind what is expected: what has been appended since is seen.
-  piece_.resize(std::min(size, kPiece - 1) + 1);
+  // Room behind what is expected: what has been appended since is seen. And numbers below
+  // /proc/sys, which tell no size, can be read only at once.
+  constexpr size_t kLeastRead = 4096;
+  piece_.resize(std::max(std::min(size, kPiece - 1) + 1, kLeastRead));
   while (!whole_ && read_ < kPiece) {
     if (read_ == piece_.size()) piece_.resize(kPiece);
     const ssize_t got = readOn(fd_.get(), &piece_[read_], piece_.size() - read_);

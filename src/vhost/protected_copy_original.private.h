@@ -12,7 +12,7 @@
 namespace frask {
 
 /// A file that is opened once, looked through and copied. Of a file of any size it holds one piece
-/// in memory; a file that is no longer is read once.
+/// in memory; a file that is no longer and has no holes is read once.
 class Original {
  public:
   /// The most that is held: it fits into a core's own cache.

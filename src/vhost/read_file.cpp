@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <istream>
 #include <utility>
 
@@ -16,6 +17,8 @@ namespace frask {
 namespace {
 
 constexpr std::size_t kChunk = 65536;
+/// Numbers below /proc/sys can be read only at once.
+constexpr std::size_t kLeastRead = 4096;
 constexpr int kReading = O_RDONLY | O_CLOEXEC;
 
 /// Opened again where a signal has interrupted it, as it may the wait for a lease.
@@ -31,7 +34,8 @@ UniqueFd opened(int dir_fd, const char* name, int flags) noexcept {
 template <class Read>
 void readToEnd(std::string& bytes, std::size_t expected, Read read) {
   std::size_t filled = 0;
-  bytes.resize(expected + 1);  // room behind what is expected: the end is seen without growing
+  // Room behind what is expected: the end is seen without growing.
+  bytes.resize(std::max(expected + 1, kLeastRead));
   while (const std::size_t got = read(&bytes[filled], bytes.size() - filled)) {
     filled += got;
     if (filled == bytes.size()) bytes.resize(2 * filled + kChunk);

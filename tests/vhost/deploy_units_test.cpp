@@ -125,6 +125,17 @@ TEST(FileCopier, ReadsOnWhereAFileIsAsYetShorterThanExpected) {
   EXPECT_EQ(copied(copier, source_of({"1", "2", "3"}), 3), "123");
 }
 
+TEST(FileCopier, TakesNoMoreThanIsExpected) {
+  FileCopier copier("a.test");
+  const testsupport::ScratchDir scratch;
+  const std::string text(FileCopier::kPiece + 1000, 'x');
+  write_file(scratch / "file", text);
+  for (const size_t expected : {size_t{5}, FileCopier::kPiece, FileCopier::kPiece + 5}) {
+    const UniqueFd from(open((scratch / "file").c_str(), O_RDONLY | O_CLOEXEC));
+    EXPECT_TRUE(copied(copier, from, static_cast<off_t>(expected)) == text.substr(0, expected));
+  }
+}
+
 TEST(FileCopier, TakesWhatCannotBeReadForTheEnd) {
   FileCopier copier("a.test");
   EXPECT_EQ(copied(copier, UniqueFd(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC)), 3), "");

@@ -51,6 +51,8 @@ TEST(ReadFile, GivesTheHolesOfASparseFileAsZeros) {
 
 TEST(ReadFile, ReadsWhatTellsNoSize) {
   EXPECT_EQ(readFile("/proc/self/stat").rfind(std::to_string(getpid()) + " (", 0), 0U);
+  EXPECT_EQ(readFile("/proc/sys/kernel/pid_max"),
+            testsupport::read_file("/proc/sys/kernel/pid_max"));
   EXPECT_EQ(readFile("/dev/null"), "");
 }
 

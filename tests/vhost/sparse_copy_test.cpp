@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <functional>
+#include <limits>
 #include <string>
 #include <utility>
 #include <vector>
@@ -231,6 +232,17 @@ TEST(SparseCopy, GoesBeyondWhatFitsInto32Bits) {
   char text[6];
   ASSERT_EQ(pread(to.get(), text, sizeof text, kAt), 6);
   EXPECT_EQ(std::string(text, sizeof text), "a.test");
+}
+
+TEST(SparseCopy, GoesToTheLastPlaceThatThereMayBe) {
+  const testsupport::ScratchDir scratch(testsupport::memory_directory());
+  constexpr off_t kLargest = std::numeric_limits<off_t>::max();
+  const UniqueFd from = file_with_holes(scratch / "from", kLargest, {{kLargest - 4096, "@"}});
+  const UniqueFd to(open((scratch / "to").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  FileCopier("a.test").copyWithHoles(from.get(), to.get());
+  struct stat st = {};
+  ASSERT_EQ(fstat(to.get(), &st), 0);
+  EXPECT_EQ(st.st_size, kLargest);
 }
 
 TEST(SparseCopy, LeavesOutAHoleForWhichThereIsNoRoom) {
