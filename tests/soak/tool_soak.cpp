@@ -88,7 +88,7 @@ void ToolSoak::finish(const Ended& ended) {
 }
 
 void ToolSoak::read_one_store() {
-  std::string found = stores_.examine(choice_.idle_client(stores_));
+  std::string found = stores_.examine(choice_.client_to_read(stores_));
   if (found.empty()) found = stores_.examine_directory();
   ++read_;
   if (!found.empty()) wrong("while others were worked on, " + found);
