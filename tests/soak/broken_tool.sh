@@ -15,6 +15,7 @@ case $SOAK_FAULT in
     chmod 0775 "$stores"/*/httpdocs 2>/dev/null
     mkdir -p "$stores/stranger"
     echo changed >/var/www/vhosts/example.com/httpdocs/index.html
+    touch /etc/stranger
     ;;
   answers)
     sleep 300 >/dev/null 2>&1 &
