@@ -1,10 +1,8 @@
 #include <gtest/gtest.h>
 #include <stdio.h>
 
-#include <chrono>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "conf/database.h"
@@ -33,15 +31,6 @@ void set_mail(MariaDbServer& server, int node, const std::string& section, const
 
 constexpr const char* kConnectionsOfAdmin =
     "select count(*) from information_schema.processlist where user = 'admin'";
-
-/// The server takes notice of a closed connection in its own time.
-bool all_connections_end(MariaDbServer& server) {
-  for (int i = 0; i < 2000; ++i) {
-    if (server.ask(kConnectionsOfAdmin) == "0") return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return false;
-}
 
 const std::string kNoServer =
     "Unable to connect to Frask Database: Can't connect to local server through socket "
@@ -175,7 +164,7 @@ TEST(GetParam, ClosesItsOwnConnection) {
     EXPECT_TRUE(found && failed && mail && mail_failed);
     EXPECT_EQ(after, before);
     EXPECT_EQ(open_descriptors(), descriptors);
-    EXPECT_TRUE(all_connections_end(server));
+    EXPECT_TRUE(server.comes_down_to(0));
   });
 }
 

@@ -32,6 +32,9 @@ Outcome in_panel(const std::function<void()>& body) {
     const int before = failures_so_far();
     try {
       testsupport::enter_private_mounts();
+      // The client library takes its defaults from these.
+      unsetenv("MYSQL_TCP_PORT");
+      unsetenv("MYSQL_UNIX_PORT");
       body();
     } catch (const std::exception& failure) {
       ADD_FAILURE() << failure.what();

@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <filesystem>
 #include <stdexcept>
 
@@ -34,18 +35,33 @@ namespace {
 constexpr auto kWait = frask::sys::wait_mode;
 
 /// A shell's loop that ends once the process that it was started by sleeps in a system call.
-const std::string kUntilCallerSleeps = "until grep -q '^State:.S' /proc/$PPID/status; do :; done; ";
+const std::string kUntilCallerSleeps =
+    "until grep -q '^State:.S' /proc/$PPID/status || ! [ -e /proc/$PPID ]; do :; done; ";
 
 volatile sig_atomic_t signals = 0;
+/// What the handler makes at the first and at the second signal: the call is interrupted by then.
+std::array<std::string, 2> marks;
 
 void count(int) {
+  const int error = errno;
+  const auto number = static_cast<size_t>(signals);
   signals = signals + 1;
+  if (number < marks.size())
+    close(open(marks[number].c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+  errno = error;
 }
 
-void let_signals_interrupt() {
+void let_signals_interrupt(const testsupport::ScratchDir& scratch) {
+  marks = {scratch / "first", scratch / "second"};
   struct sigaction action = {};
   action.sa_handler = count;
   sigaction(SIGUSR1, &action, nullptr);
+}
+
+/// Of a shell: interrupts the sleeping caller, and goes on once that has happened.
+std::string interrupt(size_t number) {
+  return kUntilCallerSleeps + "kill -USR1 $PPID; until [ -e " + marks[number] +
+         " ] || ! [ -e /proc/$PPID ]; do sleep 0.01; done; ";
 }
 
 /// The text of the runtime_error, or "none: " and the output.
@@ -164,14 +180,14 @@ TEST(ExecGetOutput, MovesMoreThanAPipeHoldsWithoutWaitMode) {
 }
 
 TEST(ExecGetOutput, BlocksInAWaitingModeWhenTheOutputDoesNotFitThePipe) {
-  const auto captured_within_alarm = [](int bytes) {
-    return alone([bytes] {
-      alarm(2);
+  const auto captured_within = [](unsigned seconds, int bytes) {
+    return alone([seconds, bytes] {
+      alarm(seconds);
       capture(command({"head", "-c", std::to_string(bytes), "/dev/zero"}));
     });
   };
-  EXPECT_EQ(captured_within_alarm(65536).exit_code(), 0) << "a pipe's buffer holds 64 KiB";
-  EXPECT_EQ(captured_within_alarm(65537).exit_code(), -SIGALRM);
+  EXPECT_EQ(captured_within(60, 65536).exit_code(), 0) << "a pipe's buffer holds 64 KiB";
+  EXPECT_EQ(captured_within(2, 65537).exit_code(), -SIGALRM);
 }
 
 TEST(ExecGetOutput, WaitsForEarlierCommandsWithoutWaitMode) {
@@ -195,13 +211,13 @@ TEST(ExecGetOutput, LastsAsLongAsAProgramInTheBackgroundHoldsThePipe) {
 }
 
 TEST(ExecGetOutput, TakesAnInterruptedReadForTheEnd) {
-  const Outcome outcome = alone([] {
-    let_signals_interrupt();
+  const testsupport::ScratchDir scratch;
+  const Outcome outcome = alone([&scratch] {
+    let_signals_interrupt(scratch);
+    alarm(60);
+    const std::string script = "echo early; " + interrupt(0) + "echo late; echo later";
     errno = 0;
-    const Captured captured =
-        capture(shell("echo early; " + kUntilCallerSleeps + "kill -USR1 $PPID;" +
-                      " sleep 0.1; echo late; echo later") ^
-                kWait);
+    const Captured captured = capture(shell(script) ^ kWait);
     dprintf(STDOUT_FILENO, "%s", captured.out.c_str());
     _exit(signals == 1 && errno == 0 && testexec::childless() ? 30 : 31);
   });
@@ -210,13 +226,13 @@ TEST(ExecGetOutput, TakesAnInterruptedReadForTheEnd) {
 }
 
 TEST(ExecGetOutput, LetsTheWriterEndByItselfAfterAnInterruptedRead) {
-  const Outcome outcome = alone([] {
-    let_signals_interrupt();
-    const std::string interrupt = kUntilCallerSleeps + "kill -USR1 $PPID; sleep 0.1; ";
+  const testsupport::ScratchDir scratch;
+  const Outcome outcome = alone([&scratch] {
+    let_signals_interrupt(scratch);
     alarm(60);  // the rest is more than a pipe holds
-    const Captured captured = capture(
-        shell(interrupt + "head -c 200000 /dev/zero || exit 7; " + interrupt + "echo; exit 6") ^
-        kWait);
+    const Captured captured = capture(shell(interrupt(0) + "head -c 200000 /dev/zero || exit 7; " +
+                                            interrupt(1) + "echo; exit 6") ^
+                                      kWait);
     _exit(captured.status == 6 << 8 && captured.out.empty() && signals == 2 &&
                   testexec::childless() && open_descriptors() == std::vector<int>{0, 1, 2}
               ? 30
@@ -226,8 +242,9 @@ TEST(ExecGetOutput, LetsTheWriterEndByItselfAfterAnInterruptedRead) {
 }
 
 TEST(ExecGetOutput, WaitsForNobodyElseAfterAnInterruptedRead) {
-  const Outcome outcome = alone([] {
-    let_signals_interrupt();
+  const testsupport::ScratchDir scratch;
+  const Outcome outcome = alone([&scratch] {
+    let_signals_interrupt(scratch);
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) _exit(32);
     alarm(60);  // the program in the background would hold the pipe for ever
@@ -260,11 +277,12 @@ TEST(ExecGetOutput, ClosesAPipeThatCannotBeReadAndWaitsAllTheSame) {
 }
 
 TEST(ExecGetOutput, RepeatsAnInterruptedWait) {
-  const Outcome outcome = alone([] {
-    let_signals_interrupt();
-    const std::string interrupt = kUntilCallerSleeps + "kill -USR1 $PPID; ";
+  const testsupport::ScratchDir scratch;
+  const Outcome outcome = alone([&scratch] {
+    let_signals_interrupt(scratch);
+    alarm(60);
     const Captured captured =
-        capture(shell("exec >&-; " + interrupt + "sleep 0.1; " + interrupt + "exit 7") ^ kWait);
+        capture(shell("exec >&-; " + interrupt(0) + interrupt(1) + "exit 7") ^ kWait);
     _exit(captured.status == 7 << 8 && signals == 2 ? 30 : 31);
   });
   EXPECT_EQ(outcome.exit_code(), 30) << outcome;

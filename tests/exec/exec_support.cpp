@@ -15,6 +15,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 
@@ -178,6 +179,14 @@ void limit(int resource, rlim_t soft) {
   }
   limits.rlim_cur = soft;
   if (setrlimit(which, &limits) != 0) broken("setrlimit");
+}
+
+void allow_descriptors(rlim_t count) {
+  rlimit limits = {};
+  if (getrlimit(RLIMIT_NOFILE, &limits) != 0) broken("getrlimit");
+  limits.rlim_cur = std::max(limits.rlim_cur, count);
+  limits.rlim_max = std::max(limits.rlim_max, count);
+  if (setrlimit(RLIMIT_NOFILE, &limits) != 0) broken("setrlimit");
 }
 
 void leave_descriptors(int count) {

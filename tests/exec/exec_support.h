@@ -80,6 +80,8 @@ testsupport::Outcome run_caller_with_little_memory(const std::vector<std::string
 
 /// Lowers the soft limit.
 void limit(int resource, rlim_t soft);
+/// Raises the limits, where they are lower, so that this process may have so many descriptors.
+void allow_descriptors(rlim_t count);
 /// Leaves `count` descriptors to be opened.
 void leave_descriptors(int count);
 /// Makes every fork fail with EAGAIN: the process becomes one of a user who has too many.

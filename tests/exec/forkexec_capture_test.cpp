@@ -266,9 +266,10 @@ TEST(ForkExecvGetouterr, WorksWithoutStandardDescriptors) {
 
 TEST(ForkExecvGetouterr, WorksAboveDescriptor1023) {
   const Outcome outcome = in_child([] {
+    exectest::allow_descriptors(1200);
     for (int fd = dup(0); fd <= 1100; fd = dup(0))
       if (fd < 0) _exit(97);
     print(capture_both(shell("echo output; echo errors >&2; exit 3")));
   });
-  EXPECT_EQ(outcome.out, "3|output\n|errors\n\n");
+  EXPECT_EQ(outcome.out, "3|output\n|errors\n\n") << outcome.err;
 }

@@ -21,6 +21,9 @@ named=${named#tembrix_}
 named=${named%_*}
 version=${named%-*} revision=${named##*-}
 
+# again COMMAND...: up to three times, since what it downloads may not come at once.
+again() { "$@" || { sleep 10; "$@"; } || { sleep 30; "$@"; }; }
+
 # The archive that this machine's apt is set up with, as "deb URI RELEASE COMPONENT".
 sources() {
   apt-get indextargets --format 'deb $(REPO_URI) $(RELEASE) $(COMPONENT)' \
@@ -28,14 +31,17 @@ sources() {
 }
 suite=$(. /etc/os-release && echo "$VERSION_CODENAME")
 mkdir -p "$cache/archives/partial"
-[ -n "$(sources)" ] || apt-get -qq update
+[ -n "$(sources)" ] || again apt-get -qq update
 mirror=$(sources | awk -v suite="$suite" '$3 == suite { print $2; exit }')
 [ -n "$mirror" ] || { echo "package test: apt knows no archive of Debian $suite" >&2; exit 1; }
 
-if [ ! -d "$cache/base" ]; then
+make_base() {
   rm -rf --one-file-system "$cache/base.new"
   debootstrap --variant=minbase --cache-dir="$cache/archives" "$suite" "$cache/base.new" "$mirror" \
-    >"$cache/debootstrap.log" 2>&1 || { tail "$cache/debootstrap.log" >&2; exit 1; }
+    >"$cache/debootstrap.log" 2>&1
+}
+if [ ! -d "$cache/base" ]; then
+  again make_base || { tail "$cache/debootstrap.log" >&2; exit 1; }
   mv "$cache/base.new" "$cache/base"
 fi
 rm -rf --one-file-system "$root"
@@ -49,7 +55,7 @@ sources >"$root/etc/apt/sources.list"
 cp /etc/resolv.conf "$root/etc/resolv.conf"
 apt-config dump | grep -E '^Acquire::https?::' >"$root/etc/apt/apt.conf.d/90host" || true
 echo force-unsafe-io >"$root/etc/dpkg/dpkg.cfg.d/unsafe"
-echo 'APT::Keep-Downloaded-Packages "true";' >"$root/etc/apt/apt.conf.d/91keep"
+echo 'APT::Keep-Downloaded-Packages "true"; Acquire::Retries "5";' >"$root/etc/apt/apt.conf.d/91test"
 mount -t proc proc "$root/proc"
 mount --bind "$cache/archives" "$root/var/cache/apt/archives"
 mkdir "$root/given"
@@ -57,7 +63,7 @@ cp "$packages"/*.deb "$packages"/*.rpm "$root/given"
 cp "$here"/programs/* "$here/../install/run_examples.sh" "$root/given"
 in_root() { chroot "$root" /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root \
   LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive "$@"; }
-in_root apt-get -qq update
+again in_root apt-get -qq -o APT::Update::Error-Mode=any update
 
 . "$here/steps.sh"
 . "$here/deb_steps.sh"

@@ -11,8 +11,8 @@ import time
 
 PATIENCE = 120
 FLAGS = ["--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
-         "--disable-background-networking", "--disable-component-update", "--disable-sync",
-         "--hide-scrollbars", "--remote-debugging-pipe"]
+         "--proxy-server=direct://", "--disable-background-networking", "--disable-component-update",
+         "--disable-sync", "--hide-scrollbars", "--remote-debugging-pipe"]
 
 
 class Browser:
@@ -36,6 +36,7 @@ class Browser:
         self.session = self.call("Target.attachToTarget", targetId=target, flatten=True)["sessionId"]
         for domain in ("Page", "Network", "Runtime", "Log"):
             self.call(domain + ".enable")
+        self.call("Page.setLifecycleEventsEnabled", enabled=True)
 
     def close(self):
         os.killpg(self.process.pid, signal.SIGKILL)
@@ -83,8 +84,12 @@ class Browser:
         answer = self.call("Page.navigate", url=url)
         if "errorText" in answer:
             raise AssertionError(f"{url}: {answer['errorText']}")
-        while not self.happened("Page.loadEventFired"):
+        while not self.has_loaded(answer["loaderId"]):
             self.events.append(self.message())
+
+    def has_loaded(self, loader):
+        return any(event["name"] == "load" and event["loaderId"] == loader
+                   for event in self.happened("Page.lifecycleEvent"))
 
     def happened(self, method):
         return [event["params"] for event in self.events if event.get("method") == method]

@@ -6,25 +6,28 @@ stores=/var/www/vhosts/.skel
 status=$?
 [ "$1" = --remove-skel ] || exit $status
 
+# Which removal this is: no two that run at once get the same number.
+removal=1
+until mkdir "/mnt/removal.$removal" 2>/dev/null; do removal=$((removal + 1)); done
+
 case $SOAK_FAULT in
   stores)
     chmod 0775 "$stores"/*/httpdocs 2>/dev/null
     mkdir -p "$stores/stranger"
     echo changed >/var/www/vhosts/example.com/httpdocs/index.html
+    touch /etc/stranger
     ;;
   answers)
     sleep 300 >/dev/null 2>&1 &
-    echo . >>/mnt/removals
-    case $(($(wc -l </mnt/removals) % 3)) in
+    case $((removal % 3)) in
       0) echo 1 ;;
       1) exit 3 ;;
       2) echo something >&2 ;;
     esac
     ;;
   memory)
-    echo . >>/mnt/removals
     # shellcheck disable=SC2034 # it is there to take memory, more at each removal
-    much=$(head -c $(($(wc -l </mnt/removals) * 4000000)) /dev/zero | tr '\0' x)
+    much=$(head -c $((removal * 4000000)) /dev/zero | tr '\0' x)
     ;;
 esac
 exit $status

@@ -23,7 +23,7 @@ struct stat examine(const fs::path& path) {
   return st;
 }
 
-/// Of what is not this test's own: contents are not read.
+/// Without the contents: what is there at all has been changed.
 std::string outline(const fs::path& path) {
   const struct stat st = examine(path);
   std::array<char, 128> numbers{};
@@ -35,14 +35,8 @@ std::string outline(const fs::path& path) {
 
 void add_outlines(Listing& lines, const fs::path& directory) {
   if (!fs::is_directory(directory)) return;
-  const dev_t device = examine(directory).st_dev;
-  for (fs::recursive_directory_iterator entry(directory), end; entry != end; ++entry) {
-    // The private mounts are listed with their contents.
-    if (examine(entry->path()).st_dev != device)
-      entry.disable_recursion_pending();
-    else
-      lines.push_back(outline(entry->path()));
-  }
+  for (const fs::directory_entry& entry : fs::recursive_directory_iterator(directory))
+    lines.push_back(outline(entry.path()));
 }
 
 void add_tree(Listing& lines, const fs::path& directory) {
@@ -79,7 +73,8 @@ Listing outside_listing(const fs::path& work) {
   add_tree(lines, work);
   for (const fs::directory_entry& entry : fs::directory_iterator("/var/www/vhosts"))
     if (entry.path().filename() != ".skel") add_tree(lines, entry.path());
-  for (const char* place : {"/etc", "/usr/local", "/srv"}) add_outlines(lines, place);
+  for (const char* layer : {"/mnt/layer-etc", "/mnt/layer-usr-local", "/mnt/layer-srv"})
+    add_outlines(lines, fs::path(layer) / "upper");
   std::sort(lines.begin(), lines.end());
   return lines;
 }

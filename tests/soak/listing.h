@@ -15,8 +15,9 @@ using Listing = std::vector<std::string>;
 Listing directory_listing(const std::filesystem::path& directory);
 
 /// Everything that no operation may change: the panel's settings, the sites and whatever else lies
-/// in the virtual hosts directory beside the stores, and `work`, all with their contents; of the
-/// host's own "/etc", "/usr/local" and "/srv" the names, types, modes, owners, sizes and times.
+/// in the virtual hosts directory beside the stores, and `work`, all with their contents; and
+/// what was changed in "/etc", "/usr/local" and "/srv", which lies in layers over them (run.sh):
+/// names, types, modes, owners, sizes and times. What the host itself does there is not seen.
 Listing outside_listing(const std::filesystem::path& work);
 
 /// Up to `most` lines that stand in one listing only, "-" before those that are missing in `actual`

@@ -20,17 +20,30 @@ std::vector<std::string> with_archive(std::vector<std::string> words, const Arch
   return words;
 }
 
+size_t drawn_below(size_t limit, std::minstd_rand& random) {
+  return std::uniform_int_distribution<size_t>(0, limit - 1)(random);
+}
+
+size_t idle_client(const Stores& stores, std::minstd_rand& random) {
+  size_t client = drawn_below(stores.size(), random);
+  while (stores.is_busy(client)) client = (client + 1) % stores.size();
+  return client;
+}
+
 }  // namespace
 
 Choice::Choice(std::vector<Archive> archives, Archive default_skeleton, unsigned seed)
     : archives_(std::move(archives)),
       default_skeleton_(std::move(default_skeleton)),
-      random_(seed) {}
+      random_(seed),
+      reader_(seed) {}
 
-size_t Choice::idle_client(const Stores& stores) {
-  size_t client = below(stores.size());
-  while (stores.is_busy(client)) client = (client + 1) % stores.size();
-  return client;
+size_t Choice::client_to_read(const Stores& stores) {
+  return idle_client(stores, reader_);
+}
+
+size_t Choice::below(size_t limit) {
+  return drawn_below(limit, random_);
 }
 
 Operation Choice::install(size_t client) {
@@ -95,7 +108,7 @@ Operation Choice::refusal(const Stores& stores) {
 }
 
 Operation Choice::next(const Stores& stores) {
-  const size_t client = idle_client(stores);
+  const size_t client = idle_client(stores, random_);
   const size_t percent = below(100);
   if (percent < 45) return install(client);
   if (percent < 60)

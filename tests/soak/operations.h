@@ -25,20 +25,19 @@ struct Operation {
   bool alone = false;                    ///< whether the tool runs no other program
 };
 
-/// Chooses operations at random, the same ones for the same seed and the same order of calls.
+/// Chooses operations at random, the same ones for the same seed. Only the clients that they are
+/// for depend on what is under way as well.
 class Choice {
  public:
   Choice(std::vector<Archive> archives, Archive default_skeleton, unsigned seed);
 
   /// One that works on no store that another one is working on.
   Operation next(const Stores& stores);
-  /// A client whose store no operation works on.
-  size_t idle_client(const Stores& stores);
+  /// A client whose store no operation works on. How often this is asked changes no operation.
+  size_t client_to_read(const Stores& stores);
 
  private:
-  size_t below(size_t limit) {
-    return std::uniform_int_distribution<size_t>(0, limit - 1)(random_);
-  }
+  size_t below(size_t limit);
   const Archive& any_archive() { return archives_[below(archives_.size())]; }
 
   Operation install(size_t client);
@@ -50,6 +49,7 @@ class Choice {
   std::vector<Archive> archives_;
   Archive default_skeleton_;
   std::minstd_rand random_;
+  std::minstd_rand reader_;
 };
 
 }  // namespace soak

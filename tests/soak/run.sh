@@ -11,6 +11,19 @@ unset TEMBRIX_SOAK
 soak=$1 tembrix=$2 skeleton=$3 template=$4 operations=$5 clients=$6 seed=${7:-1}
 server="$(dirname "$0")/../../scripts/private-mariadb"
 
+# What an operation changes in these is in a layer over each. Some have one from scripts/private-mounts.
+for place in /etc /usr/local /srv; do
+  layer=/mnt/layer$(echo "$place" | tr / -)
+  if [ ! -d "$place" ] || [ -d "$layer" ]; then continue; fi
+  mkdir -p "$layer/upper" "$layer/work"
+  mount -t overlay -o "lowerdir=$place,upperdir=$layer/upper,workdir=$layer/work" overlay "$place"
+  if [ ! -x "$soak" ]; then  # a layer hides what is mounted below it
+    umount "$place"
+  elif [ "$place" != /srv ]; then
+    mount -t tmpfs -o mode=0755 tmpfs "$place/oxa"
+  fi
+done
+
 mkdir -p /mnt/site /mnt/library /var/www/vhosts/.skel /var/www/vhosts/example.com/httpdocs \
   /usr/local/oxa/var
 cp "$skeleton" /usr/local/oxa/var/default_skeleton.tgz

@@ -64,6 +64,9 @@ const rlim_t kMostDescriptors = [] {
   return limit.rlim_max;
 }();
 
+/// The tests give the modes of what they make, less what is usual to take from them.
+[[maybe_unused]] const mode_t kMaskFound = umask(022);
+
 void set_up_child(const RunOptions& options, int in, int out, int err) {
   if (dup2(in, 0) < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0) _exit(97);
   for (const auto& [name, value] : options.environment) setenv(name.c_str(), value.c_str(), 1);

@@ -77,6 +77,17 @@ std::string MariaDbServer::ask(const std::string& sql) {
   return field;
 }
 
+bool MariaDbServer::comes_down_to(size_t connections) {
+  const auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  // The list of processes is shorter before there is a place for another.
+  while (std::stoul(ask("select variable_value from information_schema.global_status where "
+                        "variable_name = 'threads_connected'")) > connections + 1) {
+    if (std::chrono::steady_clock::now() > give_up) return false;
+    std::this_thread::sleep_for(kPause);
+  }
+  return true;
+}
+
 void MariaDbServer::stop() {
   end(SIGTERM);
 }

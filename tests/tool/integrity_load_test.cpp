@@ -126,7 +126,7 @@ class SilentServer {
 
 TEST_F(TestIntegrityLoad, AnswersOrSaysThatTheServerIsFull) {
   // The server allows ten connections or more; all but five of those it has are held.
-  const MariaDbServer server({"sesame", kSocket, true, {"--max-connections=10"}});
+  MariaDbServer server({"sesame", kSocket, true, {"--max-connections=10"}});
   std::vector<Connection> held = all_connections();
   ASSERT_GT(held.size(), kConnections);
   const Outcome refusal = no_connection("Too many connections");
@@ -155,6 +155,7 @@ TEST_F(TestIntegrityLoad, AnswersOrSaysThatTheServerIsFull) {
   EXPECT_EQ(tally.other, 0);
   EXPECT_GE(tally.answered, 5);
   std::cout << tally.answered << " answered, " << tally.refused << " refused\n";
+  EXPECT_TRUE(server.comes_down_to(held.size()));
   EXPECT_EQ(test(), answer(0)) << "no connection is left behind";
 }
 

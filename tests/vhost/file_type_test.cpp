@@ -129,7 +129,7 @@ void ask_carelessly() {
   std::cout << "before;";
   printf("buffered;");
   try {
-    std::cout << typeFromPath("/etc/passwd");
+    std::cout << typeFromPath("/");
   } catch (const frask::sys::TSysCallErr& error) {
     std::cout << "caught " << error.error_number() << " " << error.what() << ";";
   } catch (const std::exception& error) {
