@@ -236,8 +236,8 @@ TEST_F(ProtectedCopy, OfASmallFileKeepsItsHolesToo) {
 }
 
 TEST_F(ProtectedCopy, OfAFileBelowProcOrSysIsWhatIsReadOfIt) {
-  for (const char* path : {"/proc/filesystems", "/proc/sys/kernel/pid_max", "/proc/kallsyms",
-                           "/sys/kernel/uevent_seqnum"}) {
+  for (const char* path :
+       {"/proc/version", "/proc/sys/kernel/pid_max", "/proc/kallsyms", "/sys/kernel/fscaps"}) {
     SCOPED_TRACE(path);
     fs::remove(file_);
     fs::remove(backup_);

@@ -266,11 +266,11 @@ TEST(SparseCopy, LeavesOutAHoleForWhichThereIsNoRoom) {
 
 TEST(SparseCopy, EndsWhereTheFileDoesWhateverItsSizeSays) {
   const testsupport::ScratchDir scratch(testsupport::memory_directory());
-  const UniqueFd from(open("/sys/kernel/uevent_seqnum", O_RDONLY | O_CLOEXEC));
+  const UniqueFd from(open("/sys/kernel/fscaps", O_RDONLY | O_CLOEXEC));
   struct stat st = {};
   ASSERT_EQ(fstat(from.get(), &st), 0);
   ASSERT_EQ(st.st_blocks, 0) << "as of a hole";
-  const std::string text = testsupport::read_file("/sys/kernel/uevent_seqnum");
+  const std::string text = testsupport::read_file("/sys/kernel/fscaps");
   ASSERT_LT(text.size(), static_cast<size_t>(st.st_size));
   const UniqueFd to(open((scratch / "to").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
   FileCopier("a.test").copyWithHoles(from.get(), to.get());
