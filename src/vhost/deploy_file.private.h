@@ -24,12 +24,13 @@ class FileCopier {
   ///
   /// @param expected  the size of a regular file, behind which nothing is read, so that whoever
   ///                  appends to it without end holds nobody; 0: to the end, for a file that may
-  ///                  tell no size
+  ///                  tell no size, so that one that was empty is followed as it grows
   void copy(int from, int to, off_t expected);
 
   /// The same for a whole regular file that has holes: they become holes again, but for a page
   /// behind data that ends as a placeholder begins, and for what becomes a hole while it is read.
-  /// Written out, a skeleton of a few bytes would fill the file system of the sites.
+  /// What is appended meanwhile is copied, too. Written out, a skeleton of a few bytes would fill
+  /// the file system of the sites.
   void copyWithHoles(int from, int to);
 
  private:

@@ -111,7 +111,7 @@ FRASK_API void wido_delete_instance(const char* vhostDir, const DocrootCleanOpti
  * place. Links are followed: call it for files in directories that only the panel writes to. Holes
  * become holes again, and a file of any size is looked through and copied with a piece of 256 KiB
  * in memory, so that it costs what its data costs. What is appended meanwhile to one that is longer
- * may be missing from the copy.
+ * or has holes may be missing from the copy.
  *
  * A failed backup is logged through frask_log with priority 3 and does not stop the caller; the
  * name that was reserved for it stays, in most cases as an empty file. So it is with pipes and

@@ -45,8 +45,15 @@ ssize_t FilePieces::next(char* buffer, size_t room) noexcept {
 
 bool FilePieces::findEnd() noexcept {
   end_ = size();
-  if (end_ == 0 && ::lseek(fd_, 0, SEEK_DATA) < 0 && tellsNone(errno)) end_ = kEndless;
+  if (end_ == 0 && tellsNoSize()) end_ = kEndless;
   return end_ >= 0;
+}
+
+/// Of a file that tells that it is empty. One that has grown since tells what it holds by now.
+bool FilePieces::tellsNoSize() const noexcept {
+  if (::lseek(fd_, 0, SEEK_DATA) < 0 && tellsNone(errno)) return true;
+  char byte = 0;
+  return ::pread(fd_, &byte, 1, 0) == 1 && size() == 0;
 }
 
 /// There, or where the file has been cut. The result is next()'s.

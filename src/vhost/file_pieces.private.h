@@ -21,8 +21,8 @@ class FilePieces {
 
   /// Reads the next piece. A read that a signal interrupts is repeated.
   ///
-  /// @return how much, 0 at the end; -1 with errno, also where the file's size or its holes cannot
-  ///         be told for another reason than that the file system does not know of them
+  /// @return how much, 0 at the end; -1 with errno, also where the file's size or its next data
+  ///         cannot be told for another reason than that the file system does not know of them
   ssize_t next(char* buffer, size_t room) noexcept;
 
   /// Where the last piece begins: farther on than the one before ends where a hole was passed over.
@@ -35,6 +35,7 @@ class FilePieces {
   enum class Found { kData, kNone, kFailure };
 
   bool findEnd() noexcept;
+  bool tellsNoSize() const noexcept;
   ssize_t endAt(off_t place) noexcept;
   Found findData() noexcept;
   off_t size() const noexcept;

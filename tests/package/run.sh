@@ -36,7 +36,7 @@ mirror=$(sources | awk -v suite="$suite" '$3 == suite { print $2; exit }')
 [ -n "$mirror" ] || { echo "package test: apt knows no archive of Debian $suite" >&2; exit 1; }
 
 make_base() {
-  rm -rf --one-file-system "$cache/base.new"
+  rm -rf --one-file-system "$cache/base.new" || return
   debootstrap --variant=minbase --cache-dir="$cache/archives" "$suite" "$cache/base.new" "$mirror" \
     >"$cache/debootstrap.log" 2>&1
 }

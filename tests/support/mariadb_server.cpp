@@ -78,7 +78,7 @@ std::string MariaDbServer::ask(const std::string& sql) {
 }
 
 bool MariaDbServer::comes_down_to(size_t connections) {
-  const auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  const auto give_up = std::chrono::steady_clock::now() + kPatience;
   // The list of processes is shorter before there is a place for another.
   while (std::stoul(ask("select variable_value from information_schema.global_status where "
                         "variable_name = 'threads_connected'")) > connections + 1) {

@@ -36,7 +36,7 @@ class MariaDbServer {
   /// The first field of the first row that a statement gives; "" where there is none.
   std::string ask(const std::string& sql);
   /// Whether it has no more connections than these, this object's own not counted. It takes notice
-  /// of a closed one in its own time, for which this waits up to ten seconds.
+  /// of a closed one in its own time, for which this waits up to a minute.
   bool comes_down_to(size_t connections);
   /// Shuts the server down as its administrator would: the socket is gone afterwards.
   void stop();

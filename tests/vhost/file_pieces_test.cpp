@@ -2,7 +2,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,11 +9,12 @@
 #include <limits>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "fs/unique_fd.h"
 #include "support/scratch.h"
-#include "support/stopped_child.h"
 #include "vhost/file_pieces.private.h"
+#include "vhost/long_environment.h"
 
 namespace {
 
@@ -158,8 +158,8 @@ TEST_F(FilePiecesOf, AreNoneWhereTheFileEndedAtFirstHoweverItGrows) {
   }
 }
 
-std::string all_of(const char* path, off_t begin, off_t* end) {
-  const UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
+std::string all_of(const std::string& path, off_t begin, off_t* end) {
+  const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
   FilePieces pieces(fd.get(), begin);
   std::string text;
   char piece[10000];
@@ -174,7 +174,10 @@ std::string all_of(const char* path, off_t begin, off_t* end) {
 }
 
 TEST(FilePieces, AreAllThatAFileHoldsWhateverItSays) {
-  for (const char* path : {"/proc/version", "/proc/kallsyms", "/sys/kernel/fscaps"}) {
+  const vhosttest::LongEnvironment environment("b");
+  const std::vector<std::string> paths{"/proc/version", environment.path(),
+                                       "/proc/sys/kernel/ostype", "/sys/kernel/fscaps"};
+  for (const std::string& path : paths) {
     SCOPED_TRACE(path);
     const std::string text = testsupport::read_file(path);
     ASSERT_NE(text, "");

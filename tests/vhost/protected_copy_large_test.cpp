@@ -24,6 +24,7 @@
 #include "support/stopped_child.h"
 #include "support/traced.h"
 #include "vhost/entry_points.h"
+#include "vhost/long_environment.h"
 #include "vhost/protected_copy_original.private.h"
 
 // Files that do not fit into the memory that a protected copy takes, and what is no file.
@@ -236,8 +237,10 @@ TEST_F(ProtectedCopy, OfASmallFileKeepsItsHolesToo) {
 }
 
 TEST_F(ProtectedCopy, OfAFileBelowProcOrSysIsWhatIsReadOfIt) {
-  for (const char* path :
-       {"/proc/version", "/proc/sys/kernel/pid_max", "/proc/kallsyms", "/sys/kernel/fscaps"}) {
+  const vhosttest::LongEnvironment environment("b");
+  const std::vector<std::string> paths{"/proc/version", environment.path(),
+                                       "/proc/sys/kernel/pid_max", "/sys/kernel/fscaps"};
+  for (const std::string& path : paths) {
     SCOPED_TRACE(path);
     fs::remove(file_);
     fs::remove(backup_);
@@ -248,6 +251,13 @@ TEST_F(ProtectedCopy, OfAFileBelowProcOrSysIsWhatIsReadOfIt) {
     ASSERT_EQ(fs::file_size(backup_), text.size());
     EXPECT_TRUE(read_file(backup_) == text);
   }
+}
+
+TEST_F(ProtectedCopy, IsNotMadeWhereTheBannerStandsFarDownInAFileBelowProc) {
+  const vhosttest::LongEnvironment environment(get_dontedit_tag());
+  fs::create_symlink(environment.path(), file_);
+  protect();
+  EXPECT_FALSE(fs::exists(backup_));
 }
 
 TEST_F(ProtectedCopy, OfAFileThatIsCutMeanwhileEndsThere) {
