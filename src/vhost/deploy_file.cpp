@@ -9,6 +9,7 @@
 
 #include "vhost/deploy_file.private.h"
 #include "vhost/placeholder.private.h"
+#include "vhost/write_all.private.h"
 
 namespace frask {
 namespace {
@@ -23,15 +24,6 @@ ssize_t again(Call call) noexcept {
     got = call();
   } while (got < 0 && errno == EINTR);
   return got;
-}
-
-bool writeAll(int fd, std::string_view text) noexcept {
-  while (!text.empty()) {
-    const ssize_t written = ::write(fd, text.data(), text.size());
-    if (written < 0 && errno != EINTR) return false;
-    if (written > 0) text.remove_prefix(static_cast<size_t>(written));
-  }
-  return true;
 }
 
 /// Ends a file with a hole, or none. One that was passed over before nothing was written is counted

@@ -10,6 +10,7 @@
 #include "vhost/file_pieces.private.h"
 #include "vhost/protected_copy_original.private.h"
 #include "vhost/read_file.private.h"
+#include "vhost/write_all.private.h"
 
 namespace frask {
 namespace {
@@ -35,16 +36,6 @@ bool writeAt(int fd, std::string_view bytes, off_t place) noexcept {
     if (written <= 0) continue;
     bytes.remove_prefix(static_cast<size_t>(written));
     place += written;
-  }
-  return true;
-}
-
-/// For a file that nothing was written to: its position is where it begins.
-bool writeWhole(int fd, std::string_view bytes) noexcept {
-  while (!bytes.empty()) {
-    const ssize_t written = ::write(fd, bytes.data(), bytes.size());
-    if (written < 0 && errno != EINTR) return false;
-    if (written > 0) bytes.remove_prefix(static_cast<size_t>(written));
   }
   return true;
 }
@@ -121,7 +112,8 @@ bool Original::hasHoles() const noexcept {
 }
 
 bool Original::copyTo(int to) {
-  if (whole_ && !hasHoles()) return writeWhole(to, std::string_view(piece_.data(), read_));
+  // Nothing was written to it yet: its position is where it begins.
+  if (whole_ && !hasHoles()) return writeAll(to, std::string_view(piece_.data(), read_));
   FilePieces pieces(fd_.get(), 0);
   off_t end = 0;
   ssize_t got = 0;
